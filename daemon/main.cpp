@@ -1,0 +1,3 @@
+#include "daemon/entry.h"
+
+int main(int argc, char** argv) { return orv::AgentMain(argc, argv); }
