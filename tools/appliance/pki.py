@@ -6,6 +6,7 @@ CN=DEVICEID:<n>; the agent's own server certificate comes from the same authorit
 through enrolment.
 """
 import datetime
+import ipaddress
 import os
 
 from cryptography import x509
@@ -42,6 +43,13 @@ def key_pem(key):
 
 def cert_pem(cert):
     return cert.public_bytes(serialization.Encoding.PEM).decode()
+
+
+def _general_name(name):
+    try:
+        return x509.IPAddress(ipaddress.ip_address(name))
+    except ValueError:
+        return x509.DNSName(name)
 
 
 def _now():
@@ -91,7 +99,8 @@ class Authority:
     def pem(self):
         return cert_pem(self.cert)
 
-    def issue(self, subject, public_key, server, days=825, not_before=None, not_after=None):
+    def issue(self, subject, public_key, server, days=825, not_before=None, not_after=None, alt_names=None):
+        """alt_names: host names and IP addresses for a subjectAltName extension."""
         now = _now()
         builder = (x509.CertificateBuilder()
                    .subject_name(subject if isinstance(subject, x509.Name) else make_name(subject))
@@ -106,6 +115,9 @@ class Authority:
                        critical=False)
                    .add_extension(x509.AuthorityKeyIdentifier.from_issuer_public_key(self.key.public_key()),
                                   critical=False))
+        if alt_names:
+            builder = builder.add_extension(x509.SubjectAlternativeName([_general_name(n) for n in alt_names]),
+                                            critical=False)
         return builder.sign(self.key, hashes.SHA256())
 
     def sign_request(self, csr_pem, days=825):
