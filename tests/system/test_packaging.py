@@ -425,6 +425,22 @@ def test_debian_package_installs_runs_the_daemon_and_purges_without_a_trace(tmp_
             messages = [row[0] for row in db.execute("SELECT message FROM logs ORDER BY id")]
         assert "Shutting down" in messages, messages
 
+        # A plain remove keeps the identity, the database and the scripts: a reinstall
+        # starts with them, without enrolling again.
+        write_script("/etc/zelko/orv/pps", "quiesce", "echo PRE-DONE")
+        remove = subprocess.run(["dpkg", "--remove", "orvd"], capture_output=True, text=True, timeout=600)
+        assert remove.returncode == 0, remove.stdout + remove.stderr
+        assert not os.path.exists("/usr/sbin/orvd")
+        kept = ["/etc/zelko/orv/orvd.sqlite", "/etc/zelko/orv/pps/quiesce"] + [
+            "/etc/zelko/orv/certs/" + name for name in ("ca.crt", "server.csr", "server.key", "server.pem")]
+        assert [p for p in kept if not os.path.isfile(p)] == []
+        install = subprocess.run(["dpkg", "-i", deb], capture_output=True, text=True, timeout=300)
+        assert install.returncode == 0, install.stdout + install.stderr
+        result = subprocess.run(["/usr/sbin/orvd", "get_config"], capture_output=True, text=True,
+                                env=agent_env(ORVD_CA_URL="https://127.0.0.1:9/certApi.php"), timeout=60)
+        assert result.returncode == 1
+        assert result.stdout.endswith("Current configuration settings:\nrest_port = %d\n" % port), result.stdout
+
         # Purging stops an agent still running, then removes everything it owned.
         result = subprocess.run(["/usr/sbin/orvd"], capture_output=True, text=True, env=agent_env(), timeout=60)
         assert result.returncode == 0, result.stdout + result.stderr
