@@ -18,6 +18,8 @@ constexpr uint32_t kBnoMagicV5 = 0x41423342;    // "AB3B"
 constexpr uint64_t kShortHeaderV4 = 16;
 constexpr uint64_t kShortHeaderV5 = 56;
 constexpr uint32_t kMaxLevels = 16;
+constexpr uint32_t kAgflMagic = 0x5841464C;     // "XAFL"
+constexpr uint64_t kAgflHeaderV5 = 36;
 
 }  // namespace
 
@@ -82,6 +84,7 @@ bool XfsReader::WalkFreeSpace(uint32_t ag, PieceBitmap& piece) {
     ReportFsError(EUCLEAN, "Corrupt XFS AGF in AG %u\n", ag);
     return false;
   }
+  if (!MarkFreeList(ag, agf, agLength, piece)) return false;
   uint32_t magic = v5_ ? kBnoMagicV5 : kBnoMagicV4;
   uint64_t header = v5_ ? kShortHeaderV5 : kShortHeaderV4;
   uint64_t maxLeafRecords = (blockSize_ - header) / 8;
@@ -129,6 +132,31 @@ bool XfsReader::WalkFreeSpace(uint32_t ag, PieceBitmap& piece) {
       pending.emplace_back(child, level - 1);
     }
   }
+  return true;
+}
+
+bool XfsReader::MarkFreeList(uint32_t ag, const uint8_t* agf, uint32_t agLength, PieceBitmap& piece) {
+  uint32_t first = Be32(agf + 40);
+  uint32_t last = Be32(agf + 44);
+  uint32_t count = Be32(agf + 48);
+  if (count == 0) return true;
+  uint64_t agFirst = uint64_t{ag} * agBlocks_;
+  std::vector<uint8_t> agfl(sectorSize_);
+  if (!Read(agFirst * blockSize_ + 3 * uint64_t{sectorSize_}, agfl.data(), agfl.size(), "XFS AGFL")) return false;
+  uint64_t header = 0;
+  if (v5_) {
+    if (Be32(agfl.data()) != kAgflMagic || Be32(agfl.data() + 4) != ag) return true;
+    header = kAgflHeaderV5;
+  }
+  // Kernels have disagreed about the number of slots, which only matters once the
+  // list wraps: a wrapped list is left as used rather than risk freeing a used block.
+  uint64_t slots = (sectorSize_ - header) / 4;
+  if (first > last || last >= slots || count != last - first + 1) return true;
+  for (uint32_t i = first; i <= last; ++i) {
+    uint32_t block = Be32(agfl.data() + header + uint64_t{i} * 4);
+    if (block == 0 || block >= agLength) return true;
+  }
+  for (uint32_t i = first; i <= last; ++i) piece.MarkFree(agFirst + Be32(agfl.data() + header + uint64_t{i} * 4), 1);
   return true;
 }
 
