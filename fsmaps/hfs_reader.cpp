@@ -75,9 +75,10 @@ bool HfsReader::Open() {
 bool HfsReader::Fill(PieceBitmap& piece) {
   uint64_t firstByte = piece.first() / 8;
   uint64_t endByte = std::min(allocationBytes_, (piece.end() + 7) / 8);
-  chunk_.resize(kChunkBytes);
+  if (endByte <= firstByte) return true;
+  chunk_.resize(std::min(kChunkBytes, endByte - firstByte));
   for (uint64_t byte = firstByte; byte < endByte;) {
-    size_t n = static_cast<size_t>(std::min(kChunkBytes, endByte - byte));
+    size_t n = static_cast<size_t>(std::min<uint64_t>(chunk_.size(), endByte - byte));
     if (!allocationFile_.Read(source_, byte, chunk_.data(), n, UINT64_MAX)) return false;
     uint64_t firstBlock = byte * 8;
     piece.CopyMsbFirst(chunk_.data(), 0, firstBlock, std::min<uint64_t>(n * 8, blockCount_ - firstBlock));

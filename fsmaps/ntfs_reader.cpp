@@ -232,9 +232,11 @@ bool NtfsReader::Fill(PieceBitmap& piece) {
   // free.
   uint64_t firstByte = piece.first() / 8;
   uint64_t endByte = std::min(dataSize_, (std::min(piece.end(), clusters_) + 7) / 8);
-  chunk_.resize(kChunkBytes);
+  if (backupBootBlock_ != UINT64_MAX) piece.MarkUsed(backupBootBlock_, 1);
+  if (endByte <= firstByte) return true;
+  chunk_.resize(std::min(kChunkBytes, endByte - firstByte));
   for (uint64_t byte = firstByte; byte < endByte;) {
-    size_t n = static_cast<size_t>(std::min(kChunkBytes, endByte - byte));
+    size_t n = static_cast<size_t>(std::min<uint64_t>(chunk_.size(), endByte - byte));
     if (resident_) {
       memcpy(chunk_.data(), residentData_.data() + byte, n);
     } else if (!runs_.Read(source_, byte, chunk_.data(), n, validSize_)) {
@@ -244,7 +246,6 @@ bool NtfsReader::Fill(PieceBitmap& piece) {
     piece.CopyLsbFirst(chunk_.data(), 0, firstCluster, std::min<uint64_t>(n * 8, clusters_ - firstCluster));
     byte += n;
   }
-  if (backupBootBlock_ != UINT64_MAX) piece.MarkUsed(backupBootBlock_, 1);
   return true;
 }
 
