@@ -43,8 +43,8 @@ class FileSkipper {
   bool built() const { return built_; }
 
  private:
-  // Whether this system can name a file's physical blocks: FIBMAP is tried on block 0
-  // of the first COW file that opens. A file system without block mapping (tmpfs,
+  // False in the "file block identification not supported" case, told by trying
+  // FIBMAP on block 0 of the first COW file that opens. A file system without block mapping (tmpfs,
   // btrfs: EINVAL), a kernel without the call (ENOTTY, EOPNOTSUPP) and a caller
   // without CAP_SYS_RAWIO (EPERM) all mean no; when no file opens the answer is yes,
   // so that each file's own failure gets logged.
