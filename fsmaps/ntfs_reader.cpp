@@ -61,7 +61,8 @@ bool NtfsReader::Open() {
   uint64_t mftCluster = Le64(boot + 48);
   auto perRecord = static_cast<int8_t>(boot[64]);
   if (!LooksLikeNtfs(boot) || sectorSize < 256 || sectorSize > 4096 || !IsPowerOfTwo(sectorSize) ||
-      !IsPowerOfTwo(sectorsPerCluster) || sectorsPerCluster * sectorSize > (uint64_t{1} << 21) ||
+      !IsPowerOfTwo(sectorsPerCluster) || sectorsPerCluster > 8192 ||
+      sectorsPerCluster * sectorSize > (uint64_t{1} << 21) ||
       totalSectors == 0 || totalSectors > (uint64_t{1} << 48)) {
     ReportFsError(EUCLEAN, "Corrupt NTFS boot sector\n");
     return false;

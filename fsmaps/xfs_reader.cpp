@@ -41,7 +41,7 @@ bool XfsReader::Open() {
   uint16_t version = Be16(sb + 100) & 0x000F;
   sectorSize_ = Be16(sb + 102);
   if (Be32(sb) != kSuperMagic || blockSize < 512 || blockSize > 65536 || !IsPowerOfTwo(blockSize) ||
-      sectorSize_ < 512 || sectorSize_ > blockSize || !IsPowerOfTwo(sectorSize_) || agBlocks_ == 0 ||
+      sectorSize_ < 512 || sectorSize_ > blockSize || !IsPowerOfTwo(sectorSize_) || agBlocks_ < 64 ||
       agCount_ == 0 || (version != 4 && version != 5)) {
     ReportFsError(EUCLEAN, "Corrupt XFS superblock\n");
     return false;
@@ -63,10 +63,10 @@ bool XfsReader::Fill(PieceBitmap& piece) {
   // Everything is used until a free-space record says otherwise.
   piece.MarkUsed(piece.first(), piece.covered());
   block_.resize(blockSize_);
-  for (uint32_t ag = 0; ag < agCount_; ++ag) {
-    uint64_t agFirst = uint64_t{ag} * agBlocks_;
-    if (!piece.Overlaps(agFirst, agBlocks_)) continue;
-    if (!WalkFreeSpace(ag, piece)) return false;
+  // Only the AGs that the piece overlaps.
+  uint64_t lastAg = (piece.end() - 1) / agBlocks_;
+  for (uint64_t ag = piece.first() / agBlocks_; ag <= lastAg && ag < agCount_; ++ag) {
+    if (!WalkFreeSpace(static_cast<uint32_t>(ag), piece)) return false;
   }
   return true;
 }

@@ -141,6 +141,10 @@ TEST_F(NtfsImageTest, DamagedBitmapRecordIsAnErrorNotACrash) {
   torn[mftOffset_ + 6 * 1024 + 510] ^= 0xFF;  // breaks the update sequence
   EXPECT_EQ(Walk(torn, &used), -1);
 
+  std::vector<uint8_t> huge = image_;
+  huge[13] = 0x81;  // 2^127 sectors per cluster
+  EXPECT_EQ(Walk(huge, &used), -1);
+
   std::mt19937 random(11);
   QuietStderr quiet;
   int errors = 0;
