@@ -481,7 +481,7 @@ bool BlockDevices::FindMount(const std::string& path, int& flags, std::string& m
     struct stat root;
     if (stat("/", &root) == 0 && root.st_dev == fileRdev) {
       flags |= kMounted;
-      mountPoint = "/";
+      mountPoint.assign(1, '/');  // GCC 12 warns falsely (-Wrestrict) on = "/"
       RootProbe(flags);
     }
   }
