@@ -1,0 +1,7 @@
+#include "backup/driver_device.h"
+
+namespace orv {
+
+DriverDevice::~DriverDevice() = default;
+
+}  // namespace orv

@@ -1,0 +1,191 @@
+#include "transfer/block_devices.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "daemon/logger.h"
+#include "store/database_maintainer.h"
+
+namespace orv {
+namespace {
+
+std::string Command(const std::string& command) {
+  std::string output;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return output;
+  char buffer[256];
+  while (fgets(buffer, sizeof(buffer), pipe) != nullptr) output += buffer;
+  pclose(pipe);
+  while (!output.empty() && output.back() == '\n') output.pop_back();
+  return output;
+}
+
+class BlockDevicesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/orv-blockdev-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+    setenv("ORVD_ETC_DIR", dir_.c_str(), 1);
+    setenv("ORVD_DRIVER_DEV", (dir_ + "/snap/zelko").c_str(), 1);
+    DatabaseMaintainer maintainer;
+    ASSERT_TRUE(maintainer.initialise());
+    maintainer.close();
+  }
+  void TearDown() override {
+    if (!loop_.empty()) Command("losetup -d " + loop_);
+    unsetenv("ORVD_ETC_DIR");
+    unsetenv("ORVD_DRIVER_DEV");
+    std::filesystem::remove_all(dir_);
+  }
+
+  // A loop device holding a fresh ext4 volume; its UUID in `uuid`.
+  void MakeVolume(std::string& uuid) {
+    const std::string image = dir_ + "/volume.img";
+    { std::ofstream(image).close(); }
+    std::filesystem::resize_file(image, 16 << 20);
+    ASSERT_EQ(system(("mkfs.ext4 -q -F -L unitvol " + image).c_str()), 0);
+    loop_ = Command("losetup -f --show " + image);
+    ASSERT_EQ(loop_.compare(0, 9, "/dev/loop"), 0) << loop_;
+    uuid = Command("blkid -p -s UUID -o value " + loop_);
+    ASSERT_FALSE(uuid.empty());
+  }
+  // A second node for the loop device, at `path`.
+  void Alias(const std::string& path) {
+    struct stat info;
+    ASSERT_EQ(stat(loop_.c_str(), &info), 0);
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    ASSERT_EQ(mknod(path.c_str(), S_IFBLK | 0600, info.st_rdev), 0);
+  }
+  std::unique_ptr<BlockDevice> RecordOf(const std::string& path) {
+    blkid_cache cache = nullptr;
+    EXPECT_EQ(blkid_get_cache(&cache, "/dev/null"), 0);
+    blkid_dev device = blkid_get_dev(cache, path.c_str(), BLKID_DEV_NORMAL);
+    std::unique_ptr<BlockDevice> record;
+    if (device != nullptr) record = devices_.GetBlockDevice(device);
+    blkid_put_cache(cache);
+    return record;
+  }
+  bool Logged(int level, const std::string& text) {
+    std::vector<LogRow> rows;
+    EXPECT_TRUE(ReadLogs(level, 0, "", "", &rows));
+    for (const LogRow& row : rows) {
+      if (row.level == level && row.message == text) return true;
+    }
+    return false;
+  }
+
+  std::string dir_;
+  std::string loop_;
+  BlockDevices devices_;
+};
+
+TEST_F(BlockDevicesTest, LookupsOfMissingThingsFailQuietly) {
+  const std::string file = dir_ + "/plain-file";
+  std::ofstream(file) << "not a device";
+  int32_t sectorSize = 0;
+  EXPECT_FALSE(devices_.GetSectorSize(file, sectorSize));
+  EXPECT_TRUE(Logged(kWarning, "Could not get sector size for device: " + file + "."));
+  uint64_t number = 0;
+  EXPECT_FALSE(devices_.GetDeviceNumber(dir_ + "/missing", number));
+  EXPECT_TRUE(Logged(kWarning, "Could not get device number for device: " + dir_ + "/missing."));
+
+  std::string disk;
+  uint64_t wholeDisk = 0;
+  const uint64_t nowhere = makedev(4000, 200);
+  EXPECT_FALSE(devices_.GetWholeDisk(nowhere, disk, wholeDisk));
+  EXPECT_TRUE(Logged(kWarning, "Could not get path from device id: " + std::to_string(nowhere) + "."));
+  EXPECT_FALSE(devices_.IsRemovable("no-such-disk"));
+  EXPECT_FALSE(devices_.IsSwap(dir_ + "/missing"));
+
+  int flags = -1;
+  std::string mountPoint = "x";
+  EXPECT_TRUE(devices_.CheckMountPoint(dir_ + "/missing", flags, mountPoint));
+  EXPECT_EQ(flags, 0);
+  EXPECT_EQ(mountPoint, "");
+  EXPECT_EQ(devices_.GetBlockDeviceFromUUID("ffffffff-0000-4000-8000-000000000000", true), nullptr);
+}
+
+TEST_F(BlockDevicesTest, RootDeviceUnderAnyNameIsTheMountedRoot) {
+  std::istringstream mounts(Command("cat /proc/self/mounts"));
+  std::string source;
+  std::string target;
+  std::string line;
+  while (std::getline(mounts, line)) {
+    std::istringstream fields(line);
+    fields >> source >> target;
+    if (target == "/") break;
+  }
+  struct stat root;
+  if (stat(source.c_str(), &root) != 0 || !S_ISBLK(root.st_mode)) GTEST_SKIP() << "root is " << source;
+  int flags = 0;
+  std::string mountPoint;
+  ASSERT_TRUE(devices_.CheckMountPoint(source, flags, mountPoint));
+  EXPECT_EQ(flags, BlockDevices::kMounted | BlockDevices::kIsRoot);
+  EXPECT_EQ(mountPoint, "/");
+  EXPECT_FALSE(std::filesystem::exists(BlockDevices::kRootProbeFile));
+
+  // Another node of the same device is matched by its device number.
+  const std::string alias = dir_ + "/root-alias";
+  ASSERT_EQ(mknod(alias.c_str(), S_IFBLK | 0600, root.st_rdev), 0);
+  ASSERT_TRUE(devices_.CheckMountPoint(alias, flags, mountPoint));
+  EXPECT_EQ(flags, BlockDevices::kMounted | BlockDevices::kIsRoot);
+  EXPECT_EQ(mountPoint, "/");
+}
+
+TEST_F(BlockDevicesTest, SymbolicLinksAreResolvedAndSnapshotDevicesSkipped) {
+  std::string uuid;
+  ASSERT_NO_FATAL_FAILURE(MakeVolume(uuid));
+  Alias(dir_ + "/nodes/volume");
+  std::filesystem::create_directories(dir_ + "/links");
+  ASSERT_EQ(symlink("../nodes/volume", (dir_ + "/links/volume").c_str()), 0);
+
+  std::unique_ptr<BlockDevice> record = RecordOf(dir_ + "/links/volume");
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(record->path, dir_ + "/nodes/volume");
+  EXPECT_EQ(record->name, record->path.substr(5));
+  EXPECT_EQ(record->uuid, uuid);
+  EXPECT_EQ(record->label, "unitvol");
+  EXPECT_EQ(record->sizeBytes, 16 << 20);
+  EXPECT_FALSE(record->mounted);
+  EXPECT_EQ(record->wholeDiskPath, loop_);
+
+  // The driver's devices, at their relocated prefix or under any ".../dev/zelko".
+  Alias(dir_ + "/snap/zelko3");
+  EXPECT_EQ(RecordOf(dir_ + "/snap/zelko3"), nullptr);
+  Alias(dir_ + "/dev/zelko7");
+  EXPECT_EQ(RecordOf(dir_ + "/dev/zelko7"), nullptr);
+  // A link that leads into them is no way around.
+  ASSERT_EQ(symlink("../snap/zelko3", (dir_ + "/links/snap").c_str()), 0);
+  EXPECT_EQ(RecordOf(dir_ + "/links/snap"), nullptr);
+}
+
+TEST_F(BlockDevicesTest, VanishedDeviceGivesNoRecord) {
+  std::string uuid;
+  ASSERT_NO_FATAL_FAILURE(MakeVolume(uuid));
+  const std::string node = dir_ + "/nodes/gone";
+  Alias(node);
+  blkid_cache cache = nullptr;
+  ASSERT_EQ(blkid_get_cache(&cache, "/dev/null"), 0);
+  blkid_dev device = blkid_get_dev(cache, node.c_str(), BLKID_DEV_NORMAL);
+  ASSERT_NE(device, nullptr);
+  ASSERT_EQ(unlink(node.c_str()), 0);
+  EXPECT_EQ(devices_.GetBlockDevice(device), nullptr);
+  blkid_put_cache(cache);
+  // The volume itself is still found by its UUID.
+  std::unique_ptr<BlockDevice> found = devices_.GetBlockDeviceFromUUID(uuid, false);
+  ASSERT_NE(found, nullptr);
+  EXPECT_EQ(found->path, loop_);
+}
+
+}  // namespace
+}  // namespace orv

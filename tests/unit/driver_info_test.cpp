@@ -1,0 +1,188 @@
+#include "backup/driver_info.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "api/all_backup_status.h"
+#include "daemon/file_util.h"
+#include "daemon/logger.h"
+#include "store/database_maintainer.h"
+
+namespace orv {
+namespace {
+
+// A private agent directory (database for the log lines) and driver status file.
+class DriverInfoTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/orv-driverinfo-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+    infoPath_ = dir_ + "/zelko-info";
+    setenv("ORVD_ETC_DIR", dir_.c_str(), 1);
+    setenv("ORVD_DRIVER_INFO", infoPath_.c_str(), 1);
+    DatabaseMaintainer maintainer;
+    ASSERT_TRUE(maintainer.initialise());
+    maintainer.close();
+  }
+  void TearDown() override {
+    unsetenv("ORVD_ETC_DIR");
+    unsetenv("ORVD_DRIVER_INFO");
+    std::filesystem::remove_all(dir_);
+  }
+
+  bool LoadText(const std::string& text, AllBackupStatus* status = nullptr) {
+    EXPECT_EQ(WriteWholeFile(infoPath_, text), 0);
+    info_.reset();
+    return info_.load(status);
+  }
+  bool LoadVersion(const std::string& version) {
+    return LoadText("{\"version\":\"" + version + "\",\"devices\":[]}");
+  }
+  std::vector<std::string> Messages(int level) {
+    std::vector<LogRow> rows;
+    EXPECT_TRUE(ReadLogs(level, 0, "", "", &rows));
+    std::vector<std::string> messages;
+    for (const LogRow& row : rows) {
+      if (row.level == level) messages.push_back(row.message);
+    }
+    return messages;
+  }
+  bool Logged(int level, const std::string& message) {
+    for (const std::string& text : Messages(level)) {
+      if (text == message) return true;
+    }
+    return false;
+  }
+
+  std::string dir_;
+  std::string infoPath_;
+  DriverInfo info_;
+};
+
+TEST_F(DriverInfoTest, SortsDevicesByMinorAndDumpsThem) {
+  ASSERT_TRUE(LoadText(R"({"version":"0.10.0","devices":[
+      {"minor":3,"state":2,"cow_file":"/mnt/c/.zelko","block_device":"/dev/loop3","error":0},
+      {"minor":0,"state":3,"cow_file":"/.zelko","block_device":"/dev/vda","error":0},
+      {"minor":3,"state":4,"cow_file":"second","block_device":"/dev/other","error":0},
+      {"minor":1,"state":2,"cow_file":"/mnt/b/.zelko","block_device":"/dev/loop1","error":-5}]})"));
+  ASSERT_EQ(info_.deviceCount(), 4u);
+  EXPECT_EQ(info_.devices()[0].minor, 0);
+  EXPECT_EQ(info_.devices()[1].minor, 1);
+  // Equal minors keep their document order.
+  EXPECT_EQ(info_.devices()[2].block_device, "/dev/loop3");
+  EXPECT_EQ(info_.devices()[3].block_device, "/dev/other");
+  EXPECT_EQ(info_.nextFreeMinor(), 2);
+  EXPECT_EQ(info_.errorFor("/dev/loop1", "x"), -5);
+  EXPECT_TRUE(Logged(kInfo, "Driver information parsed"));
+  std::vector<std::string> debug = Messages(kDebug);
+  ASSERT_GE(debug.size(), 6u);
+  EXPECT_EQ(std::vector<std::string>(debug.begin(), debug.begin() + 6),
+            (std::vector<std::string>{"DRIVER DEVICE:", "\tMINOR: 0", "\tSTATE: 3", "\tCOWFILE: /.zelko",
+                                      "\tBLOCKDEVICE: /dev/vda", "\tERROR: 0"}));
+}
+
+TEST_F(DriverInfoTest, ReadsQuotedNumbersAndSkipsOddEntries) {
+  ASSERT_TRUE(LoadText(R"({"other":1,"version":"0.10.0","devices":[
+      7, "text", [1,2], null,
+      {"minor":"7","state":"2","error":"x","cow_file":"/v/.zelko","block_device":"/dev/loop7","extra":{"a":1}},
+      {"block_device":"/dev/loop9"},
+      {"minor":2,"minor":5,"block_device":"/dev/loop5"}]})"));
+  ASSERT_EQ(info_.deviceCount(), 3u);
+  // Missing keys keep their defaults; a repeated key overwrites.
+  EXPECT_EQ(info_.minorFor("/dev/loop9", ""), 0);
+  EXPECT_EQ(info_.stateFor("/dev/loop9", ""), 0);
+  EXPECT_EQ(info_.cowFileFor("/dev/loop9", ""), "");
+  EXPECT_EQ(info_.minorFor("/dev/loop5", ""), 5);
+  EXPECT_EQ(info_.minorFor("/dev/loop7", ""), 7);
+  EXPECT_EQ(info_.stateFor("/dev/loop7", ""), 2);
+  EXPECT_EQ(info_.errorFor("/dev/loop7", ""), 0);
+  EXPECT_EQ(info_.cowFileFor("/dev/loop7", ""), "/v/.zelko");
+  EXPECT_EQ(info_.nextFreeMinor(), 1);
+}
+
+TEST_F(DriverInfoTest, VersionCheck) {
+  EXPECT_TRUE(LoadVersion("0.10.0"));
+  EXPECT_TRUE(LoadVersion("0.10.0-0"));
+  EXPECT_TRUE(LoadVersion("0.10.1-3"));
+  EXPECT_TRUE(LoadVersion("1.0.0"));
+  ASSERT_NE(info_.version(), nullptr);
+  EXPECT_EQ(info_.version()->ToString(), "1.0.0-0");
+  EXPECT_FALSE(Logged(kCritical, "Could not load driver info: Incompatible driver version."));
+
+  EXPECT_FALSE(LoadVersion("0.9.99"));
+  EXPECT_TRUE(Logged(kCritical, "Could not load driver info: Incompatible driver version."));
+  // Text that does not start with a number reads as 0.0.0-0: incompatible, not invalid.
+  EXPECT_FALSE(LoadVersion("v0.10.0"));
+  ASSERT_NE(info_.version(), nullptr);
+  EXPECT_EQ(info_.version()->ToString(), "0.0.0-0");
+  EXPECT_FALSE(Logged(kCritical, "Could not load driver info: Invalid driver version."));
+}
+
+TEST_F(DriverInfoTest, MissingVersionOrBrokenJsonIsInvalid) {
+  EXPECT_FALSE(LoadText(R"({"devices":[{"minor":1}]})"));
+  EXPECT_EQ(info_.version(), nullptr);
+  // The devices parsed before the failure stay; the caller does not use them.
+  EXPECT_EQ(info_.deviceCount(), 1u);
+  EXPECT_TRUE(Logged(kCritical, "Could not load driver info: Invalid driver version."));
+
+  EXPECT_FALSE(LoadText(R"({"version":"0.10.0","devices":[{"minor":1},)"));
+  EXPECT_EQ(info_.version(), nullptr);
+  EXPECT_EQ(info_.deviceCount(), 0u);
+  EXPECT_FALSE(LoadText("[\"0.10.0\"]"));
+  EXPECT_EQ(Messages(kCritical).size(), 3u);
+  EXPECT_EQ(Messages(kInfo).size(), 2u);  // the broken document is not "parsed"
+}
+
+TEST_F(DriverInfoTest, UnreadableFileSetsError101OnTheStatus) {
+  AllBackupStatus status("backup-1");
+  info_.reset();
+  EXPECT_FALSE(info_.load(&status));
+  EXPECT_EQ(status.errorCode(), kErrorDriverNotLoaded);
+  EXPECT_EQ(status.errorMessage(),
+            "Driver not loaded. Kernel headers are probably incorrect, fix that and reinstall zelkobd.");
+  EXPECT_TRUE(Logged(kCritical, "Could not load driver info. Driver not loaded or installed."));
+  // Without a status only the log line remains.
+  EXPECT_FALSE(info_.load(nullptr));
+}
+
+TEST_F(DriverInfoTest, EmptyDeviceListMissesEverything) {
+  ASSERT_TRUE(LoadVersion("0.10.0"));
+  EXPECT_EQ(info_.minorFor("/dev/loop1", "u"), -1);
+  EXPECT_EQ(info_.stateFor("/dev/loop1", "u"), -1);
+  EXPECT_EQ(info_.errorFor("/dev/loop1", "u"), 0);
+  EXPECT_EQ(info_.cowFileFor("/dev/loop1", "u"), "");
+  EXPECT_EQ(info_.nextFreeMinor(), 0);
+}
+
+TEST_F(DriverInfoTest, MatchesByExactPathOrByUuidPath) {
+  ASSERT_TRUE(LoadText(R"({"version":"0.10.0","devices":[
+      {"minor":0,"state":2,"block_device":""},
+      {"minor":1,"state":3,"block_device":"/dev/disk/by-uuid/1234-ABCD"},
+      {"minor":2,"state":2,"block_device":"/dev/loop2"}]})"));
+  EXPECT_EQ(info_.minorFor("/dev/loop9", "1234-ABCD"), 1);
+  EXPECT_EQ(info_.stateFor("/dev/loop9", "1234-ABCD"), 3);
+  EXPECT_EQ(info_.minorFor("/dev/loop2", "other"), 2);
+  // No prefix, suffix or case matching.
+  EXPECT_EQ(info_.minorFor("/dev/loop", "1234-abcd"), -1);
+  EXPECT_EQ(info_.minorFor("/dev/loop22", ""), -1);
+  // An empty tracked path matches only an empty path.
+  EXPECT_EQ(info_.minorFor("", "x"), 0);
+  EXPECT_EQ(info_.nextFreeMinor(), 3);
+}
+
+TEST_F(DriverInfoTest, ResetEmptiesEverything) {
+  ASSERT_TRUE(LoadText(R"({"version":"0.10.0","devices":[{"minor":0},{"minor":2}]})"));
+  EXPECT_EQ(info_.nextFreeMinor(), 1);
+  info_.reset();
+  EXPECT_EQ(info_.version(), nullptr);
+  EXPECT_EQ(info_.deviceCount(), 0u);
+  EXPECT_EQ(info_.nextFreeMinor(), 0);
+}
+
+}  // namespace
+}  // namespace orv

@@ -1,0 +1,134 @@
+#include "fsmaps/hfs_reader.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <random>
+#include <set>
+#include <vector>
+
+#include "fsmaps/used_block_bitmap.h"
+
+namespace orv {
+namespace {
+
+void PutBe16(uint8_t* p, uint16_t v) {
+  p[0] = v >> 8;
+  p[1] = v & 0xFF;
+}
+void PutBe32(uint8_t* p, uint32_t v) {
+  for (int i = 0; i < 4; ++i) p[i] = (v >> (24 - 8 * i)) & 0xFF;
+}
+void PutBe64(uint8_t* p, uint64_t v) {
+  PutBe32(p, static_cast<uint32_t>(v >> 32));
+  PutBe32(p + 4, static_cast<uint32_t>(v));
+}
+
+// An HFS+ volume as the on-disk format describes it, reduced to what the allocation
+// map needs: the volume header at byte 1024 and an allocation file (one bit per
+// allocation block, most significant bit first) in two extents, blocks 10 and 20.
+class HfsImage {
+ public:
+  static constexpr uint32_t kBlockSize = 512;
+  static constexpr uint32_t kBlocks = 4100;  // 513 bytes of bitmap: two allocation blocks
+
+  explicit HfsImage(bool hfsx = false) : bytes_(uint64_t{kBlocks} * kBlockSize) {
+    uint8_t* h = header();
+    PutBe16(h, hfsx ? 0x4858 : 0x482B);
+    PutBe16(h + 2, hfsx ? 5 : 4);
+    PutBe32(h + 40, kBlockSize);
+    PutBe32(h + 44, kBlocks);
+    uint8_t* fork = h + 112;
+    PutBe64(fork, 2 * kBlockSize);
+    PutBe32(fork + 12, 2);
+    PutBe32(fork + 16, 10);
+    PutBe32(fork + 20, 1);
+    PutBe32(fork + 24, 20);
+    PutBe32(fork + 28, 1);
+    // The volume header's blocks, the allocation file and the last block (the
+    // alternate volume header) are in use.
+    for (uint64_t b : {0, 1, 2, 3, 10, 20, static_cast<int>(kBlocks - 1)}) SetUsed(b);
+  }
+
+  uint8_t* header() { return bytes_.data() + 1024; }
+  void SetUsed(uint64_t block) {
+    used_.insert(block);
+    uint64_t byte = block / 8;
+    uint64_t fileBlock = byte / kBlockSize;
+    uint64_t deviceBlock = fileBlock == 0 ? 10 : 20;
+    bytes_[deviceBlock * kBlockSize + byte % kBlockSize] |= 0x80 >> (block % 8);
+  }
+  const std::set<uint64_t>& used() const { return used_; }
+  std::vector<uint8_t>& bytes() { return bytes_; }
+
+ private:
+  std::vector<uint8_t> bytes_;
+  std::set<uint64_t> used_;
+};
+
+int64_t WalkAll(std::vector<uint8_t>& image, uint64_t bufferBytes, std::set<uint64_t>* used,
+                uint64_t* blockCount = nullptr) {
+  MemoryBlockSource source(image.data(), image.size());
+  std::vector<uint8_t> buffer(bufferBytes);
+  uint64_t blockSize = 0, count = 0;
+  for (uint64_t start = 0;;) {
+    int64_t n = GetUsedBlockBitmap(bufferBytes, start, source, blockSize, count, buffer.data());
+    if (blockCount != nullptr) *blockCount = count;
+    if (n <= 0) return n;
+    for (int64_t k = 0; k < n; ++k) {
+      if ((buffer[k / 8] >> (k % 8)) & 1) used->insert(start + k);
+    }
+    start += n;
+  }
+}
+
+TEST(HfsReaderTest, ReadsTheAllocationFileAcrossItsExtents) {
+  for (bool hfsx : {false, true}) {
+    HfsImage image(hfsx);
+    std::mt19937 random(3);
+    for (int i = 0; i < 300; ++i) image.SetUsed(random() % HfsImage::kBlocks);
+    std::set<uint64_t> used;
+    uint64_t blockCount = 0;
+    EXPECT_EQ(WalkAll(image.bytes(), 16, &used, &blockCount), 0);
+    EXPECT_EQ(blockCount, HfsImage::kBlocks);
+    EXPECT_EQ(used, image.used()) << (hfsx ? "HFSX" : "HFS+");
+  }
+}
+
+TEST(HfsReaderTest, RefusesWhatItCannotReadWhole) {
+  std::set<uint64_t> used;
+  {
+    // The allocation file continues in the extents overflow file.
+    HfsImage image;
+    PutBe32(image.header() + 112 + 12, 3);
+    PutBe64(image.header() + 112, 3 * HfsImage::kBlockSize);
+    PutBe32(image.header() + 112 + 28, 0);
+    errno = 0;
+    EXPECT_EQ(WalkAll(image.bytes(), 16, &used), -1);
+    EXPECT_EQ(errno, EOPNOTSUPP);
+  }
+  {
+    HfsImage image;  // an allocation file too small for the volume
+    PutBe64(image.header() + 112, 100);
+    EXPECT_EQ(WalkAll(image.bytes(), 16, &used), -1);
+  }
+  {
+    HfsImage image;  // an extent past the last block
+    PutBe32(image.header() + 112 + 24, HfsImage::kBlocks);
+    EXPECT_EQ(WalkAll(image.bytes(), 16, &used), -1);
+  }
+  {
+    HfsImage image;  // block size not a power of two
+    PutBe32(image.header() + 40, 1000);
+    EXPECT_EQ(WalkAll(image.bytes(), 16, &used), -1);
+  }
+  {
+    HfsImage image;  // an HFS standard wrapper is not HFS+
+    PutBe16(image.header(), 0x4244);
+    EXPECT_EQ(WalkAll(image.bytes(), 16, &used), 0);
+    EXPECT_TRUE(used.empty());
+  }
+}
+
+}  // namespace
+}  // namespace orv

@@ -1,0 +1,333 @@
+#include "backup/pre_post_script.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "daemon/logger.h"
+#include "store/database_maintainer.h"
+
+namespace orv {
+namespace {
+
+using Outcome = PrePostScript::Outcome;
+using Phase = PrePostScript::Phase;
+using Clock = std::chrono::steady_clock;
+
+double SecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+int CountOpenFds() {
+  int count = 0;
+  DIR* dir = opendir("/proc/self/fd");
+  while (readdir(dir) != nullptr) ++count;
+  closedir(dir);
+  return count;
+}
+
+// Children of this process, zombies included.
+std::vector<pid_t> Children() {
+  std::vector<pid_t> children;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    std::string name = entry.path().filename();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::ifstream stat(entry.path() / "stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    size_t close = text.rfind(')');
+    if (close == std::string::npos) continue;
+    char state;
+    int ppid;
+    if (sscanf(text.c_str() + close + 1, " %c %d", &state, &ppid) == 2 && ppid == getpid()) {
+      children.push_back(std::stoi(name));
+    }
+  }
+  return children;
+}
+
+// Processes of this process group that are alive (orphaned zombies wait for init).
+bool GroupGone(pid_t group) {
+  if (group <= 0) return false;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    std::string name = entry.path().filename();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::ifstream stat(entry.path() / "stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    size_t close = text.rfind(')');
+    if (close == std::string::npos) continue;
+    char state;
+    int ppid;
+    int pgrp;
+    if (sscanf(text.c_str() + close + 1, " %c %d %d", &state, &ppid, &pgrp) == 3 && pgrp == group && state != 'Z') {
+      return false;
+    }
+  }
+  return true;
+}
+
+class PrePostScriptTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/orv-pps-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+    scripts_ = dir_ + "/pps";
+    ASSERT_EQ(mkdir(scripts_.c_str(), 0755), 0);
+    setenv("ORVD_ETC_DIR", dir_.c_str(), 1);
+    DatabaseMaintainer maintainer;
+    ASSERT_TRUE(maintainer.initialise());
+    maintainer.close();
+    fdsBefore_ = CountOpenFds();
+  }
+  void TearDown() override {
+    // Every run reaps its child: nothing is left behind, not even a zombie.
+    EXPECT_EQ(Children(), std::vector<pid_t>());
+    EXPECT_EQ(CountOpenFds(), fdsBefore_);
+    unsetenv("ORVD_ETC_DIR");
+    std::filesystem::remove_all(dir_);
+  }
+
+  void WriteScript(const std::string& name, const std::string& body, mode_t mode = 0755) {
+    std::string path = scripts_ + "/" + name;
+    std::ofstream(path) << "#!/bin/sh\n" << body << "\n";
+    ASSERT_EQ(chmod(path.c_str(), mode), 0);
+  }
+  bool Logged(int level, const std::string& text) {
+    std::vector<LogRow> rows;
+    EXPECT_TRUE(ReadLogs(level, 0, "", "", &rows));
+    for (const LogRow& row : rows) {
+      if (row.level == level && row.message.find(text) != std::string::npos) return true;
+    }
+    return false;
+  }
+  bool RunOne(PrePostScript& script, Phase phase = Phase::kPre) {
+    return PrePostScript::runPhase({&script}, phase, "backup-7");
+  }
+
+  std::string dir_;
+  std::string scripts_;
+  int fdsBefore_ = 0;
+};
+
+TEST_F(PrePostScriptTest, ScanTakesRegularFilesWithTheirDisplayNames) {
+  WriteScript("b-db.sh", "## DISPLAYNAME: Flush the database  \r\necho x");
+  WriteScript("a-plain.sh", "# DISPLAYNAME: not this one\n##DISPLAYNAME: nor this\necho y");
+  WriteScript("c-empty-name.sh", "## DISPLAYNAME: \n## DISPLAYNAME: Second wins\n");
+  ASSERT_EQ(mkdir((scripts_ + "/subdir").c_str(), 0755), 0);
+  ASSERT_EQ(mkfifo((scripts_ + "/fifo").c_str(), 0644), 0);
+  ASSERT_EQ(symlink("/nonexistent/target", (scripts_ + "/dangling").c_str()), 0);
+  ASSERT_EQ(symlink("b-db.sh", (scripts_ + "/d-link").c_str()), 0);
+
+  std::list<PrePostScript> scripts;
+  ASSERT_TRUE(PrePostScript::loadScripts(scripts));
+  std::vector<std::pair<std::string, std::string>> found;
+  for (const PrePostScript& script : scripts) found.emplace_back(script.fileName(), script.displayName());
+  EXPECT_EQ(found, (std::vector<std::pair<std::string, std::string>>{{"a-plain.sh", "a-plain.sh"},
+                                                                     {"b-db.sh", "Flush the database"},
+                                                                     {"c-empty-name.sh", "Second wins"},
+                                                                     {"d-link", "Flush the database"}}));
+  EXPECT_TRUE(Logged(kWarning, "Could not stat pre/post script dangling."));
+}
+
+TEST_F(PrePostScriptTest, ScanOfEmptyOrMissingDirectory) {
+  std::list<PrePostScript> scripts;
+  EXPECT_TRUE(PrePostScript::loadScripts(scripts));
+  EXPECT_TRUE(scripts.empty());
+  EXPECT_TRUE(Logged(kInfo, "No pre/post scripts found."));
+  std::filesystem::remove_all(scripts_);
+  EXPECT_FALSE(PrePostScript::loadScripts(scripts));
+  EXPECT_TRUE(Logged(kError, "Could not open pre/post scripts directory."));
+}
+
+TEST_F(PrePostScriptTest, MarkerEndsTheRunAndTheStillRunningScriptIsKilled) {
+  // The script's own child (sleep) must die with it.
+  WriteScript("hold.sh", "echo \"arg $1\"\nprintf 'dos line\\r\\n'\necho PRE-DONE\nsleep 30\necho never");
+  PrePostScript script("hold.sh", 20);
+  auto start = Clock::now();
+  EXPECT_TRUE(RunOne(script));
+  EXPECT_LT(SecondsSince(start), 3.0);
+  script.join();
+  EXPECT_LT(SecondsSince(start), 4.0);
+  EXPECT_EQ(script.outcome(), Outcome::kDone);
+  EXPECT_TRUE(script.isDone());
+  EXPECT_EQ(script.output(), "arg PRE\ndos line\n");
+  EXPECT_EQ(script.startTime(), 0);
+  EXPECT_TRUE(GroupGone(script.childPid()));
+  EXPECT_TRUE(Logged(kInfo, "Running pre-scripts..."));
+  EXPECT_TRUE(Logged(kInfo, "is still alive, sleeping and killing it."));
+}
+
+TEST_F(PrePostScriptTest, EachPhaseWaitsForItsOwnMarker) {
+  WriteScript("phases.sh", "case \"$1\" in PRE) echo PRE-DONE;; POST) echo POST-DONE;; esac");
+  WriteScript("pre-only.sh", "echo PRE-DONE\necho ' PRE-DONE'");
+  PrePostScript both("phases.sh", 10);
+  PrePostScript preOnly("pre-only.sh", 10);
+  EXPECT_TRUE(PrePostScript::runPhase({&both, &preOnly}, Phase::kPre, ""));
+  EXPECT_FALSE(PrePostScript::runPhase({&both, &preOnly}, Phase::kPost, ""));
+  EXPECT_TRUE(both.isDone());
+  EXPECT_FALSE(preOnly.isDone());
+  EXPECT_EQ(preOnly.outcome(), Outcome::kFailed);
+  EXPECT_EQ(preOnly.output(), "PRE-DONE\n PRE-DONE\n");
+  EXPECT_TRUE(Logged(kInfo, "Running post-scripts..."));
+  EXPECT_TRUE(Logged(kInfo, "runpre EOF on pipe"));
+}
+
+TEST_F(PrePostScriptTest, ScriptWithoutMarkerStopsAtItsTimeout) {
+  WriteScript("slow.sh", "echo working\nsleep 30 &\nwait");
+  WriteScript("fast.sh", "echo PRE-DONE");
+  PrePostScript slow("slow.sh", 2);
+  PrePostScript fast("fast.sh", 2);
+  auto start = Clock::now();
+  EXPECT_FALSE(PrePostScript::runPhase({&slow, &fast}, Phase::kPre, "backup-7"));
+  double elapsed = SecondsSince(start);
+  EXPECT_GE(elapsed, 2.0);
+  EXPECT_LT(elapsed, 4.5);
+  slow.join();
+  EXPECT_EQ(slow.outcome(), Outcome::kTimedOut);
+  EXPECT_EQ(slow.output(), "working\n");
+  EXPECT_TRUE(fast.isDone());
+  EXPECT_TRUE(GroupGone(slow.childPid()));
+  EXPECT_TRUE(Logged(kWarning, "Pre script 'slow.sh' timed out."));
+  EXPECT_TRUE(Logged(kError, "runpre failed reading script output, errno: 110"));
+}
+
+TEST_F(PrePostScriptTest, MissingScriptIsReportedNotFound) {
+  PrePostScript missing("no-such-script.sh", 10);
+  EXPECT_EQ(missing.displayName(), "no-such-script.sh");
+  auto start = Clock::now();
+  EXPECT_FALSE(RunOne(missing));
+  EXPECT_LT(SecondsSince(start), 3.0);
+  EXPECT_EQ(missing.outcome(), Outcome::kNotFound);
+  EXPECT_TRUE(Logged(kError, "Pre/Post Script 'no-such-script.sh' not found"));
+}
+
+TEST_F(PrePostScriptTest, ScriptNamesAreNeverShellText) {
+  WriteScript("it's a script.sh", "echo PRE-DONE");
+  PrePostScript quoted("it's a script.sh", 10);
+  EXPECT_TRUE(RunOne(quoted));
+  // A name with shell syntax only names a (missing) file.
+  std::string marker = dir_ + "/injected";
+  PrePostScript injected("x; touch " + marker, 10);
+  EXPECT_FALSE(RunOne(injected));
+  EXPECT_EQ(injected.outcome(), Outcome::kStartFailed);
+  EXPECT_FALSE(std::filesystem::exists(marker));
+  PrePostScript escape("../escape.sh", 10);
+  EXPECT_FALSE(RunOne(escape, Phase::kPost));
+  EXPECT_EQ(escape.outcome(), Outcome::kStartFailed);
+  EXPECT_TRUE(Logged(kError, "Post Script '../escape.sh' open error: 22"));
+  EXPECT_TRUE(Logged(kError, "Pre/Post Script 'x; touch"));
+}
+
+TEST_F(PrePostScriptTest, FloodingScriptKeepsBoundedOutput) {
+  WriteScript("flood.sh",
+              "head -c 300000 /dev/zero | tr '\\0' x\necho\nyes 'a line of output' | head -n 10000\necho PRE-DONE");
+  PrePostScript flood("flood.sh", 60);
+  EXPECT_TRUE(RunOne(flood));
+  std::string output = flood.output();
+  EXPECT_EQ(output.size(), PrePostScript::kMaxOutputBytes);
+  EXPECT_EQ(output.find('\n'), PrePostScript::kMaxLineBytes);
+  EXPECT_EQ(output.substr(PrePostScript::kMaxLineBytes + 1, 18), "a line of output\na");
+}
+
+TEST_F(PrePostScriptTest, EndlessFloodStopsAtTimeout) {
+  WriteScript("endless.sh", "yes");
+  PrePostScript endless("endless.sh", 2);
+  auto start = Clock::now();
+  EXPECT_FALSE(RunOne(endless));
+  endless.join();
+  EXPECT_LT(SecondsSince(start), 5.0);
+  EXPECT_EQ(endless.outcome(), Outcome::kTimedOut);
+  EXPECT_EQ(endless.output().size(), PrePostScript::kMaxOutputBytes);
+  EXPECT_TRUE(GroupGone(endless.childPid()));
+}
+
+TEST_F(PrePostScriptTest, ScriptThatClosesItsOutputIsKilled) {
+  WriteScript("closer.sh", "echo before\nexec >/dev/null 2>&1\nsleep 30");
+  WriteScript("exits.sh", "echo only output\nexit 0");
+  WriteScript("not-executable.sh", "echo PRE-DONE", 0644);
+  PrePostScript closer("closer.sh", 20);
+  PrePostScript exits("exits.sh", 20);
+  PrePostScript notExecutable("not-executable.sh", 20);
+  auto start = Clock::now();
+  EXPECT_FALSE(PrePostScript::runPhase({&closer, &exits, &notExecutable}, Phase::kPre, ""));
+  closer.join();
+  EXPECT_LT(SecondsSince(start), 4.0);
+  EXPECT_EQ(closer.outcome(), Outcome::kFailed);
+  EXPECT_EQ(closer.output(), "before\n");
+  EXPECT_TRUE(GroupGone(closer.childPid()));
+  EXPECT_EQ(exits.outcome(), Outcome::kFailed);
+  EXPECT_EQ(exits.output(), "only output\n");
+  EXPECT_EQ(notExecutable.outcome(), Outcome::kFailed);
+  EXPECT_NE(notExecutable.output().find("Permission denied"), std::string::npos);
+  EXPECT_TRUE(Logged(kError, "runpre failed reading script output, errno: 32"));
+}
+
+TEST_F(PrePostScriptTest, WorksWhenSigchldIsIgnored) {
+  // The backup thread ignores SIGCHLD, so the system reaps the children.
+  struct sigaction ignore = {};
+  ignore.sa_handler = SIG_IGN;
+  struct sigaction previous;
+  ASSERT_EQ(sigaction(SIGCHLD, &ignore, &previous), 0);
+  WriteScript("hold.sh", "echo PRE-DONE\nsleep 30");
+  WriteScript("quick.sh", "echo PRE-DONE");
+  PrePostScript hold("hold.sh", 10);
+  PrePostScript quick("quick.sh", 10);
+  EXPECT_TRUE(PrePostScript::runPhase({&hold, &quick}, Phase::kPre, ""));
+  hold.join();
+  quick.join();
+  EXPECT_TRUE(GroupGone(hold.childPid()));
+  // The script starts with default signals whatever the agent ignores or blocks.
+  struct sigaction previousPipe;
+  ASSERT_EQ(sigaction(SIGPIPE, &ignore, &previousPipe), 0);
+  sigset_t blocked;
+  sigset_t previousMask;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGTERM);
+  ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &blocked, &previousMask), 0);
+  // Perl reports the dispositions it got (the shell in front passes an ignored
+  // SIGPIPE on as ignored).
+  std::ofstream(scripts_ + "/signals.pl")
+      << "#!/usr/bin/perl\nopen(S, '/proc/self/status');\n"
+         "while (<S>) { print \"$1:$2\\n\" if /^(Sig(?:Ign|Blk)):\\s*(\\S+)/ }\nprint \"PRE-DONE\\n\";\n";
+  ASSERT_EQ(chmod((scripts_ + "/signals.pl").c_str(), 0755), 0);
+  PrePostScript signals("signals.pl", 10);
+  EXPECT_TRUE(RunOne(signals));
+  signals.join();
+  ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &previousMask, nullptr), 0);
+  ASSERT_EQ(sigaction(SIGPIPE, &previousPipe, nullptr), 0);
+  unsigned long long ignored = 1;
+  unsigned long long blockedMask = 1;
+  ASSERT_EQ(sscanf(signals.output().c_str(), "SigBlk:%llx\nSigIgn:%llx", &blockedMask, &ignored), 2)
+      << signals.output();
+  EXPECT_EQ(blockedMask, 0u);
+  EXPECT_EQ(ignored & ((1ull << (SIGCHLD - 1)) | (1ull << (SIGPIPE - 1))), 0u);
+  ASSERT_EQ(sigaction(SIGCHLD, &previous, nullptr), 0);
+}
+
+TEST_F(PrePostScriptTest, ScriptCanBeRunAgainAndDefaultTimeoutApplies) {
+  WriteScript("again.sh", "echo \"run $1\"\necho PRE-DONE");
+  PrePostScript script("again.sh", 0);
+  EXPECT_EQ(script.timeout(), PrePostScript::kDefaultTimeoutSeconds);
+  EXPECT_EQ(PrePostScript("again.sh", -5).timeout(), PrePostScript::kDefaultTimeoutSeconds);
+  EXPECT_EQ(script.outcome(), Outcome::kIdle);
+  EXPECT_TRUE(RunOne(script));
+  EXPECT_TRUE(script.startPre());
+  script.join();
+  EXPECT_EQ(script.outcome(), Outcome::kDone);
+  EXPECT_EQ(script.output(), "run PRE\n");
+  EXPECT_TRUE(PrePostScript::runPhase({}, Phase::kPre, ""));
+}
+
+}  // namespace
+}  // namespace orv
