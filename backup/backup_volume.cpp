@@ -1,5 +1,7 @@
 #include "backup/backup_volume.h"
 
+#include <mntent.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -36,11 +38,38 @@ constexpr int kDriverRetries = 100;
 
 bool IsRetryable(int error) { return error == EBUSY || error == EAGAIN; }
 
+// The mount directory of a device from the mount table, matched by name or device
+// number; `fallback` when the table does not have it.
+std::string FullMountPoint(const std::string& device, const std::string& fallback) {
+  struct stat deviceInfo;
+  bool haveDevice = stat(device.c_str(), &deviceInfo) == 0 && S_ISBLK(deviceInfo.st_mode);
+  FILE* table = setmntent("/proc/self/mounts", "r");
+  if (table == nullptr) return fallback;
+  std::string found;
+  while (struct mntent* entry = getmntent(table)) {
+    struct stat sourceInfo;
+    bool same = device == entry->mnt_fsname ||
+                (haveDevice && stat(entry->mnt_fsname, &sourceInfo) == 0 && S_ISBLK(sourceInfo.st_mode) &&
+                 sourceInfo.st_rdev == deviceInfo.st_rdev);
+    if (same) {
+      found = entry->mnt_dir;
+      break;
+    }
+  }
+  endmntent(table);
+  return found.empty() ? fallback : found;
+}
+
 }  // namespace
 
 BackupVolume::BackupVolume(const VolumeRequest& request, const std::string& backupId, AllBackupStatus& status,
                            DriverInfo& driverInfo)
-    : request_(request), backupId_(backupId), status_(status), driverInfo_(driverInfo) {}
+    : request_(request), backupId_(backupId), status_(status), driverInfo_(driverInfo) {
+  // The scripts live as long as the volume: a POST run follows its PRE run.
+  for (const ScriptRequest& script : request_.scripts) {
+    scripts_.push_back(std::make_unique<PrePostScript>(script.scriptname, script.timeout));
+  }
+}
 
 std::string BackupVolume::snapshotPath() const { return Paths::DriverDev() + std::to_string(minor_); }
 
@@ -69,7 +98,7 @@ bool BackupVolume::resolveDevice() {
     LogEvent(kError, backupId_, "Can't find block device for %s", request_.guid.c_str());
     return false;
   }
-  std::unique_ptr<BlockDevice> device = BlockDevices::GetBlockDeviceFromUUID(request_.guid, true);
+  std::unique_ptr<BlockDevice> device = BlockDevices().GetBlockDeviceFromUUID(request_.guid, true);
   if (!device) {
     status_.setError(error, 0, {request_.guid});
     LogEvent(kError, backupId_, "Can't find block device for %s", request_.guid.c_str());
@@ -86,7 +115,8 @@ bool BackupVolume::resolveDevice() {
     return false;
   }
   blockDevice_ = device->path;
-  mountPoint_ = device->mountPoint;
+  // The device record keeps a short mount point for display; COW files need the full path.
+  mountPoint_ = FullMountPoint(device->path, device->mountPoint);
   fsType_ = device->type;
   volumeSize_ = static_cast<uint64_t>(device->sizeBytes);
   sectorSize_ = device->sectorSize > 0 ? static_cast<uint64_t>(device->sectorSize) : 512;
@@ -97,9 +127,15 @@ bool BackupVolume::resolveDevice() {
   return true;
 }
 
+std::vector<PrePostScript*> BackupVolume::Scripts() {
+  std::vector<PrePostScript*> scripts;
+  for (auto& script : scripts_) scripts.push_back(script.get());
+  return scripts;
+}
+
 bool BackupVolume::runPreScripts() {
   LogEvent(kInfo, backupId_, "Running quiesce scripts for volume %s", request_.guid.c_str());
-  if (!PrePostScript::RunPhase(request_.scripts, true, backupId_)) {
+  if (!PrePostScript::runPhase(Scripts(), PrePostScript::Phase::kPre, backupId_)) {
     LogEvent(kError, backupId_, "PreSnapshot of volume %s failed.", request_.guid.c_str());
     return false;
   }
@@ -108,7 +144,7 @@ bool BackupVolume::runPreScripts() {
 
 bool BackupVolume::runPostScripts() {
   LogEvent(kInfo, backupId_, "Running unquiesce scripts for volume %s", request_.guid.c_str());
-  if (!PrePostScript::RunPhase(request_.scripts, false, backupId_)) {
+  if (!PrePostScript::runPhase(Scripts(), PrePostScript::Phase::kPost, backupId_)) {
     LogEvent(kError, backupId_, "PostSnapshot of volume %s failed.", request_.guid.c_str());
     return false;
   }

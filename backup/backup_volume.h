@@ -3,12 +3,14 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "api/backup_start.h"
 #include "backup/backup_strategy.h"
 #include "backup/mutex.h"
+#include "backup/pre_post_script.h"
 #include "transfer/image_checksum.h"
 
 namespace orv {
@@ -87,6 +89,7 @@ class BackupVolume {
   bool PriorImageValid();
   bool RecordImageChecksum(const std::string& command);
   VolumeImage Image() const;
+  std::vector<PrePostScript*> Scripts();
   static int DriverErrorOf(void* context);
   bool ConfigYes(const char* key) const;
 
@@ -112,6 +115,7 @@ class BackupVolume {
   bool incrementalOk_ = false;
   bool changeMapBroken_ = false;
 
+  std::vector<std::unique_ptr<PrePostScript>> scripts_;
   Mutex mutex_;
   std::atomic<bool> cancelled_{false};
 };
