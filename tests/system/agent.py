@@ -151,6 +151,16 @@ class Agent:
         except FileNotFoundError:
             return ""
 
+    def sanitizer_report(self):
+        """The AddressSanitizer or UBSan report in the daemon's output, if any."""
+        text = self.output()
+        for marker in ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:",
+                       "WARNING: ThreadSanitizer"):
+            at = text.find(marker)
+            if at >= 0:
+                return text[max(0, at - 200):at + 4000]
+        return ""
+
     def wait_output(self, text, timeout=30):
         deadline = time.time() + timeout
         while time.time() < deadline:

@@ -50,10 +50,13 @@ def client_files(tmp_path_factory):
 
 @pytest.fixture
 def agent_root(tmp_path):
-    """An agent on a temporary root with no identity; stopped after the test."""
+    """An agent on a temporary root with no identity; stopped after the test, which
+    fails if the sanitizers reported anything."""
     agent = Agent(tmp_path / "agent")
     yield agent
     agent.kill()
+    report = agent.sanitizer_report()
+    assert not report, "sanitizer report from orvd:\n" + report
 
 
 @pytest.fixture
@@ -77,3 +80,14 @@ def appliance(running_agent, authority, client_files):
     def make(device_id, issuer=None, **kwargs):
         return running_agent.client(client_files(issuer or authority, device_id, **kwargs))
     return make
+
+
+@pytest.fixture
+def paired_client(running_agent, appliance):
+    """A client of device 42, paired with the running agent, whose configuration holds
+    all three keys of the configuration resource."""
+    client = appliance(42)
+    assert client.pair(42).status == 201
+    running_agent.set_config("log_level", 3)
+    running_agent.set_config("log_days_to_keep", 30)
+    return client

@@ -11,12 +11,8 @@ DEFAULT_PORT = 25567
 
 
 @pytest.fixture
-def paired(running_agent, appliance):
-    client = appliance(42)
-    assert client.pair(42).status == 201
-    running_agent.set_config("log_level", 3)
-    running_agent.set_config("log_days_to_keep", 30)
-    return client
+def paired(paired_client):
+    return paired_client
 
 
 def test_get_config_document_and_missing_key(running_agent, paired):
