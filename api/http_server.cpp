@@ -71,7 +71,6 @@ HttpServer::HttpServer(AgentAPI* api) : api_(api) {
 
 HttpServer::~HttpServer() {
   closing_ = true;
-  if (api_ != nullptr) api_->setServer(nullptr);
   if (timerCreated_ && timer_delete(restartTimer_) != 0) {
     LogEvent(kWarning, "", "Error: Restart timer delete - %d", errno);
   }
@@ -82,6 +81,8 @@ HttpServer::~HttpServer() {
   }
   std::lock_guard<std::mutex> lock(lifecycle_);
   stopLocked();
+  // Only now that no connection thread is left may the router forget the server.
+  if (api_ != nullptr) api_->setServer(nullptr);
 }
 
 bool HttpServer::start() {

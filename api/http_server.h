@@ -64,6 +64,7 @@ class HttpServer {
   std::mutex lifecycle_;
   MHD_Daemon* daemon_ = nullptr;
   uint16_t port_ = kDefaultPort;
+  // "using default port": no valid configured port was taken at the last start.
   bool usingDefaultPort_ = true;
   bool stopped_ = false;  // by stop(), until the next start()
   // The PEM texts handed to the daemon, kept for as long as it runs.

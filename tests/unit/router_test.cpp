@@ -24,6 +24,8 @@ TEST(RouterMatch, OpenRoutesAreExact) {
 }
 
 TEST(RouterMatch, BackupRoutes) {
+  // "GET /backup" lists all backups, "GET /backup/" asks for the backup with the empty
+  // id, and "DELETE /backup" names no backup at all.
   EXPECT_EQ(Of("POST", "/backup"), Route::kBackupStart);
   EXPECT_EQ(Of("GET", "/backup"), Route::kBackupStatusAll);
   EXPECT_EQ(Of("GET", "/backup/"), Route::kBackupStatus);
