@@ -280,7 +280,8 @@ MHD_Result HttpServer::handle(MHD_Connection* connection, const char* url, const
     delete body;
     *context = nullptr;
   } else {
-    requestBody = *body;
+    // The slot's string is freed when the request completes; its text is the router's.
+    requestBody = std::move(*body);
   }
 
   std::string contentType;
