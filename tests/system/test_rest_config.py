@@ -151,3 +151,9 @@ def test_unusable_server_key_ends_the_start(agent):
     assert result.returncode == 1
     assert "Could not start Zelko Linux Agent. Failed to initialize HTTP server." in result.stdout
     assert any(m.startswith("Api server failed to start: ") for m in agent.logs())
+
+
+def test_shutdown_with_a_restart_pending(running_agent, paired):
+    assert paired.set_config(rest_port=free_port(), log_days_to_keep=30, log_level=3).status == 200
+    assert running_agent.stop() == 0
+    assert "Shutting down" in running_agent.logs()
