@@ -1,6 +1,7 @@
 #include "api/get_logs.h"
 
 #include <ctime>
+#include <mutex>
 #include <stdexcept>
 
 #include "daemon/logger.h"
@@ -16,6 +17,10 @@ int64_t GetLogs::ParseTimestamp(const std::string& datetime) {
   if (end == nullptr || *end != '\0') return 0;
   // The database writes local time; let mktime decide whether summer time applied.
   fields.tm_isdst = -1;
+  // mktime reloads the time zone on each call, under a C library lock that the thread
+  // sanitizer can't see; concurrent log requests take turns here instead.
+  static std::mutex timeZoneLock;
+  std::lock_guard<std::mutex> lock(timeZoneLock);
   time_t seconds = mktime(&fields);
   return seconds == static_cast<time_t>(-1) ? 0 : static_cast<int64_t>(seconds);
 }
