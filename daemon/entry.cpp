@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "api/agent_api.h"
+#include "api/http_server.h"
 #include "daemon/file_util.h"
 #include "daemon/flock.h"
 #include "daemon/logger.h"
@@ -188,8 +190,23 @@ bool StartupChecks() {
 }
 
 int RunServer(SignalWaiter& waiter) {
+  // The backup manager joins the router when backups are part of the agent; until then
+  // the router answers the backup routes as bad requests and there is nothing to cancel
+  // or wait for at shutdown.
+  BackupManager* manager = nullptr;
+  auto api = std::make_unique<AgentAPI>(manager);
+  auto server = std::make_unique<HttpServer>(api.get());
+  if (!server->start()) {
+    LogSyslog(kError, "Could not initialize HTTP server.");
+    puts("Could not start Zelko Linux Agent. Failed to initialize HTTP server.");
+    fflush(stdout);
+    return 1;
+  }
   waiter.wait();
   LogEvent(kInfo, "", "Shutting down");
+  server->stop();
+  server.reset();
+  api.reset();
   return 0;
 }
 
