@@ -134,6 +134,11 @@ void EnsureConfigDirectories() {
   exit(1);
 }
 
+bool IsCommandWord(const char* word) {
+  std::string text = word;
+  return text == "get_config" || text == "set_config" || text == "delete_config" || text == "reset_certificate";
+}
+
 void RunCommandIfAny(int argc, char** argv) {
   if (argc < 2) return;
   std::string command = argv[1];
@@ -220,8 +225,12 @@ int AgentMain(int argc, char** argv) {
   };
   // Unknown options are ignored, so getopt's own complaint is not wanted either.
   opterr = 0;
+  // After a command word nothing is an option: "set_config key -1" must store -1, not
+  // have getopt move the command word away and start the daemon instead.
+  bool command = argc >= 2 && IsCommandWord(argv[1]);
+  const char* shortOptions = command ? "+hsdl:" : "hsdl:";
   int option;
-  while ((option = getopt_long(argc, argv, "hsdl:", kLongOptions, nullptr)) != -1) {
+  while ((option = getopt_long(argc, argv, shortOptions, kLongOptions, nullptr)) != -1) {
     switch (option) {
       case 'h':
         PrintUsage();
