@@ -21,6 +21,7 @@ std::string Paths::ScriptsDir() { return EtcDir() + "/pps"; }
 std::string Paths::PidFile() { return FromEnv("ORVD_PID_FILE", kDefaultPidFile); }
 std::string Paths::DriverInfo() { return FromEnv("ORVD_DRIVER_INFO", kDefaultDriverInfo); }
 std::string Paths::DriverDev() { return FromEnv("ORVD_DRIVER_DEV", kDefaultDriverDev); }
+std::string Paths::Zbdctl() { return FromEnv("ORVD_ZBDCTL", kDefaultZbdctl); }
 std::string Paths::CaUrl() { return FromEnv("ORVD_CA_URL", ORV_CA_URL_DEFAULT); }
 
 std::string Paths::Relocate(const std::string& text) {

@@ -13,12 +13,14 @@ namespace orv {
 //   ORVD_DRIVER_INFO  /proc/zelko-info
 //   ORVD_DRIVER_DEV   /dev/zelko          snapshot device prefix (minor appended)
 //   ORVD_CA_URL       build default ORV_CA_URL
+//   ORVD_ZBDCTL       /usr/bin/zbdctl     the driver's tool, named in reload scripts
 class Paths {
  public:
   static constexpr const char* kDefaultEtcDir = "/etc/zelko/orv";
   static constexpr const char* kDefaultPidFile = "/var/run/orvd.pid";
   static constexpr const char* kDefaultDriverInfo = "/proc/zelko-info";
   static constexpr const char* kDefaultDriverDev = "/dev/zelko";
+  static constexpr const char* kDefaultZbdctl = "/usr/bin/zbdctl";
 
   static std::string EtcDir();
   static std::string DatabasePath();  // EtcDir() + "/orvd.sqlite"
@@ -28,6 +30,7 @@ class Paths {
   static std::string DriverInfo();
   static std::string DriverDev();
   static std::string CaUrl();
+  static std::string Zbdctl();
 
   // Rewrites a text that names the default configuration directory so that it names
   // the effective one. Messages keep their production wording in the source and show

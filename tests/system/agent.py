@@ -1,0 +1,127 @@
+"""Runs orvd as a process on a temporary agent root.
+
+Every agent gets its own configuration directory and PID file through the ORVD_*
+variables, so tests never touch /etc/zelko, /var/run or /proc and can run side by
+side.
+"""
+import os
+import signal
+import sqlite3
+import subprocess
+import sys
+import time
+
+SOURCE_DIR = os.environ.get("ORV_SOURCE_DIR", os.path.abspath(os.path.join(os.path.dirname(__file__), "..", "..")))
+sys.path.insert(0, os.path.join(SOURCE_DIR, "tools", "appliance"))
+
+import pki  # noqa: E402
+
+ORVD = os.environ.get("ORVD_BIN", os.path.join(SOURCE_DIR, "build", "orvd"))
+
+
+class Agent:
+    def __init__(self, root, extra_env=None):
+        self.root = str(root)
+        self.etc_dir = os.path.join(self.root, "etc")
+        self.cert_dir = os.path.join(self.etc_dir, "certs")
+        self.pid_file = os.path.join(self.root, "orvd.pid")
+        self.db_path = os.path.join(self.etc_dir, "orvd.sqlite")
+        os.makedirs(self.cert_dir, exist_ok=True)
+        self.env = dict(os.environ)
+        self.env.update({
+            "ORVD_ETC_DIR": self.etc_dir,
+            "ORVD_PID_FILE": self.pid_file,
+            "ORVD_DRIVER_INFO": os.path.join(self.root, "zelko-info"),
+            "ORVD_DRIVER_DEV": os.path.join(self.root, "dev", "zelko"),
+            "ORVD_CA_URL": "https://127.0.0.1:9/certApi.php",
+        })
+        # Leaks are reported by the unit tests; a daemon killed by a test is not a leak.
+        self.env.setdefault("ASAN_OPTIONS", "detect_leaks=0")
+        if extra_env:
+            self.env.update(extra_env)
+        self.process = None
+        self.output_path = os.path.join(self.root, "orvd.out")
+
+    # -- identity -------------------------------------------------------------------
+    def install_identity(self, authority, hostname="localhost"):
+        key, cert = authority.server_identity(hostname)
+        self.write_cert_files(key, cert, authority.pem)
+
+    def write_cert_files(self, key, cert, ca):
+        for name, text in (("server.key", key), ("server.pem", cert), ("ca.crt", ca)):
+            with open(os.path.join(self.cert_dir, name), "w") as f:
+                f.write(text)
+
+    # -- commands -------------------------------------------------------------------
+    def run(self, *args, timeout=60, user=None):
+        """Runs orvd to completion (commands, help, failing starts)."""
+        return subprocess.run([ORVD] + list(args), env=self.env, cwd=self.root, capture_output=True, text=True,
+                              timeout=timeout, user=user)
+
+    def set_config(self, key, value):
+        result = self.run("set_config", key, str(value))
+        assert result.returncode == 1, result.stdout + result.stderr
+        return result
+
+    # -- daemon ---------------------------------------------------------------------
+    def start(self, *args, wait=True, timeout=30):
+        """Starts orvd -d in the foreground; waits for its PID file."""
+        out = open(self.output_path, "a")
+        self.process = subprocess.Popen([ORVD, "-d"] + list(args), env=self.env, cwd=self.root, stdout=out,
+                                        stderr=subprocess.STDOUT, text=True)
+        out.close()
+        if wait:
+            deadline = time.time() + timeout
+            while time.time() < deadline:
+                if self.process.poll() is not None:
+                    raise RuntimeError("orvd exited with %d:\n%s" % (self.process.returncode, self.output()))
+                if os.path.exists(self.pid_file) and open(self.pid_file).read().strip() == str(self.process.pid):
+                    return self.process
+                time.sleep(0.05)
+            raise RuntimeError("orvd did not take its PID file:\n" + self.output())
+        return self.process
+
+    def output(self):
+        try:
+            with open(self.output_path) as f:
+                return f.read()
+        except FileNotFoundError:
+            return ""
+
+    def wait_output(self, text, timeout=30):
+        deadline = time.time() + timeout
+        while time.time() < deadline:
+            if text in self.output():
+                return True
+            time.sleep(0.05)
+        raise AssertionError("%r not in output:\n%s" % (text, self.output()))
+
+    def stop(self, sig=signal.SIGTERM, timeout=60):
+        """Signals the daemon we started and waits for it; returns its exit status."""
+        if self.process is None:
+            return None
+        if self.process.poll() is None:
+            self.process.send_signal(sig)
+            try:
+                self.process.wait(timeout=timeout)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                self.process.wait()
+                raise
+        code = self.process.returncode
+        self.process = None
+        return code
+
+    def kill(self):
+        if self.process is not None and self.process.poll() is None:
+            self.process.kill()
+            self.process.wait()
+        self.process = None
+
+    # -- database -------------------------------------------------------------------
+    def query(self, sql, params=()):
+        with sqlite3.connect(self.db_path, timeout=30) as db:
+            return db.execute(sql, params).fetchall()
+
+    def logs(self):
+        return [row[0] for row in self.query("SELECT message FROM logs ORDER BY id")]

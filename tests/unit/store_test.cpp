@@ -1,0 +1,272 @@
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "daemon/logger.h"
+#include "store/config_table.h"
+#include "store/configs.h"
+#include "store/database.h"
+#include "store/database_maintainer.h"
+#include "store/history.h"
+#include "store/history_table.h"
+#include "store/log_table.h"
+#include "tests/unit/agent_root.h"
+
+namespace orv {
+namespace {
+
+// Runs one SQL text directly on the database file, outside the store.
+std::vector<std::string> Rows(const std::string& path, const std::string& sql) {
+  sqlite3* db = nullptr;
+  std::vector<std::string> rows;
+  EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  sqlite3_stmt* stmt = nullptr;
+  EXPECT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+  while (sqlite3_step(stmt) == SQLITE_ROW) {
+    std::string row;
+    for (int i = 0; i < sqlite3_column_count(stmt); ++i) {
+      if (i) row += "|";
+      const unsigned char* text = sqlite3_column_text(stmt, i);
+      row += text ? reinterpret_cast<const char*>(text) : "NULL";
+    }
+    rows.push_back(row);
+  }
+  sqlite3_finalize(stmt);
+  sqlite3_close(db);
+  return rows;
+}
+
+void Exec(const std::string& path, const std::string& sql) {
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  char* error = nullptr;
+  ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error), SQLITE_OK) << (error ? error : "");
+  sqlite3_close(db);
+}
+
+class StoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(root_.initialiseDatabase()); }
+  AgentRoot root_;
+};
+
+TEST(DatabaseMaintainerTest, NewDatabaseGetsFiveTablesAndVersion) {
+  AgentRoot root;
+  ASSERT_TRUE(root.initialiseDatabase());
+  EXPECT_EQ(Rows(root.databasePath(), "SELECT name FROM sqlite_master WHERE type='table' AND name != "
+                                      "'sqlite_sequence' ORDER BY name"),
+            (std::vector<std::string>{"about", "config", "device", "history", "logs"}));
+  EXPECT_EQ(Rows(root.databasePath(), "SELECT version FROM about"), std::vector<std::string>{"1.0.0"});
+  // A second start changes nothing: rows survive.
+  Exec(root.databasePath(), "INSERT INTO config (name, value) VALUES ('keep', 'me')");
+  ASSERT_TRUE(root.initialiseDatabase());
+  EXPECT_EQ(Rows(root.databasePath(), "SELECT value FROM config"), std::vector<std::string>{"me"});
+}
+
+TEST(DatabaseMaintainerTest, NewerDatabaseIsLeftAlone) {
+  AgentRoot root;
+  Exec(root.databasePath(), "CREATE TABLE about ( version TEXT NOT NULL ); INSERT INTO about VALUES ('2.0.0');"
+                            "CREATE TABLE config (name TEXT, value TEXT); INSERT INTO config VALUES ('a', 'b');");
+  ASSERT_TRUE(root.initialiseDatabase());
+  EXPECT_EQ(Rows(root.databasePath(), "SELECT version FROM about"), std::vector<std::string>{"2.0.0"});
+  EXPECT_EQ(Rows(root.databasePath(), "SELECT name FROM config"), std::vector<std::string>{"a"});
+}
+
+TEST(DatabaseMaintainerTest, EmptyAboutTableAndUnversionedDatabaseAreRebuilt) {
+  AgentRoot root;
+  Exec(root.databasePath(), "CREATE TABLE about ( version TEXT NOT NULL ); CREATE TABLE logs (x INTEGER);"
+                            "INSERT INTO logs VALUES (1);");
+  ASSERT_TRUE(root.initialiseDatabase());
+  EXPECT_EQ(Rows(root.databasePath(), "SELECT version FROM about"), std::vector<std::string>{"1.0.0"});
+  EXPECT_TRUE(Rows(root.databasePath(), "SELECT * FROM logs").empty());
+}
+
+TEST(DatabaseMaintainerTest, CorruptFileFailsWithoutCrash) {
+  AgentRoot root;
+  FILE* f = fopen(root.databasePath().c_str(), "w");
+  ASSERT_NE(f, nullptr);
+  for (int i = 0; i < 512; ++i) fputs("this is not a database file ", f);
+  fclose(f);
+  DatabaseMaintainer maintainer;
+  EXPECT_FALSE(maintainer.initialise());
+}
+
+TEST(SchemaVersionTest, ParsesAndComparesFieldByField) {
+  EXPECT_EQ(SchemaVersion::Parse("1.0.0").ToString(), "1.0.0-0");
+  EXPECT_EQ(SchemaVersion::Parse("1.2.3-4").ToString(), "1.2.3-4");
+  EXPECT_EQ(SchemaVersion::Parse("garbage").ToString(), "0.0.0-0");
+  EXPECT_TRUE(SchemaVersion::Parse("0.9.9") < SchemaVersion::Parse("1.0.0"));
+  EXPECT_TRUE(SchemaVersion::Parse("1.0.0") < SchemaVersion::Parse("1.0.0-1"));
+  EXPECT_FALSE(SchemaVersion::Parse("1.10.0") < SchemaVersion::Parse("1.9.0"));
+}
+
+TEST_F(StoreTest, ConfigSetReplacesAndReadsBackUnchanged) {
+  Configs configs;
+  std::string hostile = "it's \"quoted\"; DROP TABLE config; --";
+  ASSERT_TRUE(configs.set("rest_port", "1"));
+  ASSERT_TRUE(configs.set("rest_port", hostile));
+  std::string value;
+  ASSERT_TRUE(configs.get("rest_port", value));
+  EXPECT_EQ(value, hostile);
+  EXPECT_EQ(Rows(root_.databasePath(), "SELECT COUNT(*) FROM config WHERE name='rest_port'"),
+            std::vector<std::string>{"1"});
+  EXPECT_FALSE(configs.get("absent", value));
+  ASSERT_TRUE(delete_config("rest_port"));
+  ASSERT_TRUE(delete_config("never-there"));
+  EXPECT_FALSE(configs.get("rest_port", value));
+}
+
+TEST_F(StoreTest, ConfigListAndNullValues) {
+  std::vector<std::string> names, values;
+  ASSERT_TRUE(get_config_list(&names, &values));
+  EXPECT_TRUE(names.empty());
+  Exec(root_.databasePath(), "INSERT INTO config (name, value) VALUES ('nullish', NULL)");
+  ASSERT_TRUE(set_config("b", "2"));
+  ASSERT_TRUE(get_config_list(&names, &values));
+  EXPECT_EQ(names, (std::vector<std::string>{"nullish", "b"}));
+  EXPECT_EQ(values, (std::vector<std::string>{"", "2"}));
+  std::string value = "x";
+  ASSERT_TRUE(get_config("nullish", &value));
+  EXPECT_EQ(value, "");
+}
+
+TEST_F(StoreTest, DeviceIdIsReplaced) {
+  int id = -1;
+  EXPECT_FALSE(get_device_id(&id));
+  ASSERT_TRUE(set_device_id(42));
+  ASSERT_TRUE(set_device_id(7));
+  ASSERT_TRUE(get_device_id(&id));
+  EXPECT_EQ(id, 7);
+  EXPECT_EQ(Rows(root_.databasePath(), "SELECT COUNT(*) FROM device"), std::vector<std::string>{"1"});
+}
+
+TEST_F(StoreTest, LogsStoreNullBackupIdAndFilter) {
+  ASSERT_TRUE(insert_log(2, "", "no backup"));
+  ASSERT_TRUE(insert_log(4, "b1", "error of b1"));
+  ASSERT_TRUE(insert_log(1, "b1", "debug of b1"));
+  EXPECT_EQ(Rows(root_.databasePath(), "SELECT COALESCE(backup_id, 'NULL') FROM logs ORDER BY id"),
+            (std::vector<std::string>{"NULL", "b1", "b1"}));
+  std::vector<LogRow> rows;
+  ASSERT_TRUE(list_logs(&rows, 2, 0, "", ""));
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0].message, "no backup");
+  rows.clear();
+  ASSERT_TRUE(list_logs(&rows, 1, 0, "b1", ""));
+  ASSERT_EQ(rows.size(), 2u);
+  rows.clear();
+  ASSERT_TRUE(list_logs(&rows, 1, 1, "", ""));
+  EXPECT_EQ(rows.size(), 1u);
+  rows.clear();
+  ASSERT_TRUE(list_logs(&rows, 1, 0, "", "2999-01-01 00:00:00"));
+  EXPECT_TRUE(rows.empty());
+  rows.clear();
+  ASSERT_TRUE(list_logs(&rows, 1, 0, "", "2000-01-01 00:00:00"));
+  EXPECT_EQ(rows.size(), 3u);
+}
+
+TEST_F(StoreTest, SqlBuildersFollowTheFilters) {
+  EXPECT_EQ(BuildHistoryListSql(0, "", "", "", "", 0, ""), "SELECT * FROM history WHERE id > 0 ORDER BY id DESC ;");
+  EXPECT_EQ(BuildHistoryListSql(3, "b", "d", "c", "r", 5, "t"),
+            "SELECT * FROM history WHERE id > 0 AND backup_id = :BACKUPID AND device = :DEVICE AND command = "
+            ":COMMAND AND result = :RESULT AND error = :ERROR AND ( CAST( strftime( \"%s\", datetm ) AS INTEGER ) "
+            ">= CAST( strftime( \"%s\", :DTAFTER ) AS INTEGER ) ) ORDER BY id DESC LIMIT 3;");
+  EXPECT_EQ(BuildLogListSql(0, "", ""), "SELECT * FROM logs WHERE level >= :LEVEL ;");
+  EXPECT_EQ(BuildLogListSql(10, "b", ""), "SELECT * FROM logs WHERE level >= :LEVEL AND backup_id = :BACKUPID LIMIT 10;");
+}
+
+TEST_F(StoreTest, PruneDeletesOnlyOldRows) {
+  ASSERT_TRUE(insert_log(2, "", "fresh"));
+  Exec(root_.databasePath(), "INSERT INTO logs (level, message, datetm) VALUES (2, 'old', '2001-01-01 00:00:00')");
+  ASSERT_TRUE(delete_logs_before(0));
+  EXPECT_EQ(Rows(root_.databasePath(), "SELECT COUNT(*) FROM logs"), std::vector<std::string>{"2"});
+  PruneLogs();
+  EXPECT_EQ(Rows(root_.databasePath(), "SELECT message FROM logs"), std::vector<std::string>{"fresh"});
+}
+
+TEST_F(StoreTest, InvalidRetentionIsRepairedOnceWithWarning) {
+  for (const char* bad : {"0", "366", "abc", ""}) {
+    Exec(root_.databasePath(), "DELETE FROM logs");
+    ASSERT_TRUE(set_config("log_days_to_keep", bad));
+    LogEvent(kInfo, "", "an event");
+    EXPECT_EQ(Rows(root_.databasePath(), "SELECT value FROM config WHERE name='log_days_to_keep'"),
+              std::vector<std::string>{"30"})
+        << bad;
+    EXPECT_EQ(Rows(root_.databasePath(),
+                   "SELECT COUNT(*) FROM logs WHERE message='Invalid log days to keep configuration - using default.'"),
+              std::vector<std::string>{"1"})
+        << bad;
+  }
+  ASSERT_TRUE(set_config("log_days_to_keep", "365"));
+  EXPECT_EQ(RetentionDays(), 365);
+}
+
+TEST_F(StoreTest, LongAndEmptyEventTexts) {
+  LogEvent(kInfo, "", "%s", "");
+  std::string longText(3000, 'x');
+  LogEvent(kInfo, "bk", "%s", longText.c_str());
+  auto lengths = Rows(root_.databasePath(), "SELECT length(message) FROM logs WHERE backup_id='bk'");
+  EXPECT_EQ(lengths, std::vector<std::string>{"1023"});
+  EXPECT_EQ(Rows(root_.databasePath(), "SELECT COUNT(*) FROM logs"), std::vector<std::string>{"1"});
+}
+
+TEST_F(StoreTest, HistoryRecordsAndLookups) {
+  History history;
+  history.write("b1", "uuid-1", "copy_full", -1, -1, "", "", "success", "detail", 0);
+  history.write("b1", "uuid-1", "copy_full", 3, 2, "/m/.zelko", "aaaa0001", "success", "", 0);
+  history.write("b2", "uuid-1", "copy_full", 3, 2, "/m/.zelko", "bbbb0002", "success", "", 0);
+  history.write("b3", "uuid-1", "copy_full", 3, 2, "/m/.zelko", "cccc0003", "failure", "", 5);
+  EXPECT_EQ(Rows(root_.databasePath(), "SELECT COALESCE(device_minor,'NULL'), COALESCE(cow_file,'NULL'), "
+                                       "COALESCE(image_chksum,'NULL'), backup_id FROM history WHERE id=1"),
+            std::vector<std::string>{"NULL|NULL|NULL|b1"});
+  auto row = history.last_image_checksum("uuid-1");
+  ASSERT_NE(row, nullptr);
+  EXPECT_EQ(row->imageChksum, "bbbb0002");
+  EXPECT_EQ(history.last_image_checksum("uuid-2"), nullptr);
+  auto last = history.last_command("copy_full");
+  ASSERT_NE(last, nullptr);
+  EXPECT_EQ(last->backupId, "b3");
+  EXPECT_EQ(last->error, 5);
+  EXPECT_EQ(history.last_command("backup_run"), nullptr);
+  std::vector<HistoryRow> rows;
+  ASSERT_TRUE(history.get_history(&rows, 0, "", "uuid-1", "", "success", 0, ""));
+  ASSERT_EQ(rows.size(), 3u);
+  EXPECT_EQ(rows[0].backupId, "b2");  // newest first
+  rows.clear();
+  ASSERT_TRUE(history.get_history(&rows, 0, "", "", "", "", 5, ""));
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].deviceMinor, 3);
+}
+
+TEST_F(StoreTest, ConcurrentWritersAreSerialised) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([t] {
+      for (int i = 0; i < 25; ++i) {
+        ASSERT_TRUE(set_config("shared", std::to_string(t * 100 + i)));
+        ASSERT_TRUE(insert_log(2, "", "thread event"));
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(Rows(root_.databasePath(), "SELECT COUNT(*) FROM config WHERE name='shared'"),
+            std::vector<std::string>{"1"});
+  EXPECT_EQ(Rows(root_.databasePath(), "SELECT COUNT(*) FROM logs"), std::vector<std::string>{"200"});
+}
+
+TEST(DatabaseTest, OpenFailsWhileAnotherThreadHoldsTheConnection) {
+  AgentRoot root;
+  ASSERT_TRUE(root.initialiseDatabase());
+  ASSERT_TRUE(Database::open());
+  EXPECT_NE(Database::handle(), nullptr);
+  EXPECT_TRUE(Database::close());
+  EXPECT_EQ(Database::handle(), nullptr);
+  EXPECT_FALSE(Database::close());  // not open: logged, mutex left usable
+  std::string value;
+  EXPECT_TRUE(set_config("after", "ok"));
+}
+
+}  // namespace
+}  // namespace orv
