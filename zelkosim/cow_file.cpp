@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -33,10 +34,16 @@ void CowFile::create(uint64_t fileBytes, const CowHeader& header) const {
   if (::unlink(path_.c_str()) != 0 && errno != ENOENT) SimError::Raise(errno, "cannot replace COW file " + path_);
   UniqueFd fd = UniqueFd::Open(path_, O_RDWR | O_CREAT | O_EXCL, "COW file", 0600);
   try {
-    if (int err = ::posix_fallocate(fd.get(), 0, static_cast<off_t>(fileBytes)); err != 0) {
-      // posix_fallocate falls back to writing where the file system has no fallocate
-      // (FUSE), so ENOSPC arrives either way.
-      SimError::Raise(err, "cannot allocate " + std::to_string(fileBytes >> 20) + " MiB for COW file " + path_);
+    std::string what = "cannot allocate " + std::to_string(fileBytes >> 20) + " MiB for COW file " + path_;
+    if (::fallocate(fd.get(), 0, 0, static_cast<off_t>(fileBytes)) != 0) {
+      if (errno != EOPNOTSUPP) SimError::Raise(errno, what);
+      // No fallocate (FUSE): refuse what cannot fit as fallocate would, and let the
+      // zero-fill below allocate the rest.
+      struct statfs fs {};
+      if (::fstatfs(fd.get(), &fs) != 0) SimError::Raise(errno, what);
+      if (static_cast<uint64_t>(fs.f_bavail) * static_cast<uint64_t>(fs.f_bsize) < fileBytes) {
+        SimError::Raise(ENOSPC, what);
+      }
     }
     Fill(fd.get(), fileBytes, header.encode(), path_);
   } catch (...) {

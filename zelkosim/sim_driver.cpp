@@ -151,9 +151,12 @@ void SimDriver::writeMapFile(unsigned minor, const ChangeMap& map) {
   store_.writeAtomically(store_.mapPath(minor), map.encodeEntries());
 }
 
-ChangeMap SimDriver::cowBlocks(const std::vector<const CowFile*>& cows, uint64_t volumeBytes) {
+ChangeMap SimDriver::cowBlocks(const std::vector<CowSpan>& cows, uint64_t volumeBytes) {
   ChangeMap blocks(CowHeader::BlocksFor(volumeBytes));
-  for (const CowFile* cow : cows) cow->extents(FileSize(cow->path())).markCoveredBlocks(blocks);
+  for (const CowSpan& span : cows) {
+    uint64_t bytes = span.whole ? FileSize(span.cow->path()) : CowHeader::RegionBytes(volumeBytes);
+    span.cow->extents(bytes).markCoveredBlocks(blocks);
+  }
   return blocks;
 }
 
@@ -232,7 +235,7 @@ void SimDriver::transitionIncremental(unsigned minor) {
   MountEntry mount = volume.requireWritableMount(device.block_device);
   CowFile cow(device.cow_file);
   CowHeader header = cow.readHeader();
-  ChangeMap excluded = cowBlocks({&cow}, device.volume_bytes);
+  ChangeMap excluded = cowBlocks({{&cow, false}}, device.volume_bytes);
   SyncFileSystem(mount.mount_point);
   UniqueFd snapshot = UniqueFd::Open(store_.devicePath(minor), O_RDONLY, "snapshot image");
   ScanResult result = scan(volume, ScanTargets{-1, snapshot.get(), &excluded});
@@ -290,7 +293,7 @@ void SimDriver::transitionSnapshot(unsigned minor, const std::string& cow, uint6
   ChangeMap map(0);
   ScanResult result;
   try {
-    ChangeMap excluded = cowBlocks({&oldCow, &newCow}, device.volume_bytes);
+    ChangeMap excluded = cowBlocks({{&oldCow, false}, {&newCow, true}}, device.volume_bytes);
     UniqueFd baseline = UniqueFd::Open(store_.baselinePath(minor), O_RDONLY, "baseline image");
     result = capture(volume, mount, minor, ScanTargets{-1, baseline.get(), &excluded});
     map = readMapFile(minor, result.changed.blocks());
@@ -422,7 +425,7 @@ std::string SimDriver::syncDevice(SimDevice& device) {
     if (!volume.findMount(mount)) return name + "incremental, volume not mounted, map left as it was";
     CowFile cow(device.cow_file);
     CowHeader header = cow.readHeader();
-    ChangeMap excluded = cowBlocks({&cow}, device.volume_bytes);
+    ChangeMap excluded = cowBlocks({{&cow, false}}, device.volume_bytes);
     SyncFileSystem(mount.mount_point);
     UniqueFd baseline = UniqueFd::Open(store_.baselinePath(device.minor), O_RDONLY, "baseline image");
     ScanResult result = scan(volume, ScanTargets{-1, baseline.get(), &excluded});
@@ -444,7 +447,7 @@ std::string SimDriver::syncDevice(SimDevice& device) {
     if (volume.findMount(mount)) SyncFileSystem(mount.mount_point);
     CowFile cow(device.cow_file);
     CowHeader header = cow.readHeader();
-    ChangeMap excluded = cowBlocks({&cow}, device.volume_bytes);
+    ChangeMap excluded = cowBlocks({{&cow, false}}, device.volume_bytes);
     UniqueFd snapshot = UniqueFd::Open(store_.devicePath(device.minor), O_RDONLY, "snapshot image");
     ScanResult result = scan(volume, ScanTargets{-1, snapshot.get(), &excluded});
     uint64_t capacity = CowHeader::CapacityBlocks(header.file_bytes, device.volume_bytes);

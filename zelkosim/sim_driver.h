@@ -67,7 +67,14 @@ class SimDriver {
   ScanResult capture(const BlockVolume& volume, const MountEntry& mount, unsigned minor, const ScanTargets& extra);
   ChangeMap readMapFile(unsigned minor, uint64_t blocks);
   void writeMapFile(unsigned minor, const ChangeMap& map);
-  ChangeMap cowBlocks(const std::vector<const CowFile*>& cows, uint64_t volumeBytes);
+  // A COW file whose blocks a comparison leaves out: only its header and map (all that
+  // changes in a COW file that existed when the baseline was taken), or all of it (one
+  // written since).
+  struct CowSpan {
+    const CowFile* cow;
+    bool whole;
+  };
+  ChangeMap cowBlocks(const std::vector<CowSpan>& cows, uint64_t volumeBytes);
   std::string activateTracker(SimDevice& device, const BlockVolume& volume, const MountEntry& mount);
   std::string syncDevice(SimDevice& device);
   std::vector<std::string> syncAll(SimState& state, bool& failed);

@@ -22,3 +22,6 @@ def agent(agent_root, authority):
     """An agent on a temporary root with a server identity from the test authority."""
     agent_root.install_identity(authority)
     return agent_root
+
+# Loop-device volumes and the driver simulator (see volumes.py).
+from volumes import loop_volume, loop_volumes, sim_dir  # noqa: E402,F401
