@@ -78,7 +78,7 @@ void SimDriver::takeFault(SimState& state, const std::string& call) {
   SimFault fault = it->second;
   if (--it->second.count == 0) state.faults.erase(it);
   store_.save(state);
-  throw SimError(fault.err, call + ": injected failure: " + std::strerror(fault.err) + " (" +
+  throw SimError(fault.err, "injected failure: " + std::string(std::strerror(fault.err)) + " (" +
                                 std::to_string(fault.count - 1) + " more to come)");
 }
 
@@ -187,6 +187,7 @@ void SimDriver::setupSnapshot(unsigned minor, const std::string& device, const s
     if (other.cow_file == cow) throw SimError(EBUSY, cow + " is the COW file of " + Minor(number));
   }
 
+  // A COW file always holds at least its header and the whole map.
   uint64_t fileMib = std::max<uint64_t>(mib, CowHeader::MinimumMib(volume.sizeBytes()));
   CowHeader header;
   header.use = CowHeader::kSnapshot;

@@ -55,8 +55,6 @@ class SimDriver {
   std::string setError(unsigned minor, int error);
   std::string info();
 
-  const SimStore& store() const { return store_; }
-
  private:
   void takeFault(SimState& state, const std::string& call);
   SimDevice& requireDevice(SimState& state, unsigned minor);

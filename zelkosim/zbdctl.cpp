@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <string>
@@ -92,15 +93,16 @@ void Expect(const std::vector<std::string>& args, size_t least, size_t most) {
   }
 }
 
-// Runs one of the library's calls and reports its outcome.
-int Call(const std::string& name, int result) {
+// Reports the outcome of one of the library's calls.
+int Call(const std::string& name, const std::function<int()>& call) {
+  errno = 0;
+  int result = call();
   int err = errno;
   if (result == 0) {
     std::cout << name << ": done\n";
     return 0;
   }
-  std::cerr << "zbdctl: " << name << " failed: errno " << err << " (" << std::strerror(err)
-            << "): " << DriverCall::LastMessage() << "\n";
+  std::cerr << "zbdctl: " << DriverCall::LastMessage() << " (errno " << err << ", " << std::strerror(err) << ")\n";
   return 1;
 }
 
@@ -109,21 +111,26 @@ int Run(const std::vector<std::string>& args) {
   if (command == "setup-snapshot") {
     Expect(args, 4, 5);
     unsigned long cache = args.size() > 5 ? Number<unsigned long>(args[5], "cache size") : 0;
-    return Call("setup_snapshot", zelkobd_setup_snapshot(MinorArg(args[1]), args[2].c_str(), args[3].c_str(),
-                                                         Number<unsigned long>(args[4], "MiB"), cache));
+    unsigned minor = MinorArg(args[1]);
+    unsigned long mib = Number<unsigned long>(args[4], "MiB");
+    return Call("setup_snapshot",
+                [&] { return zelkobd_setup_snapshot(minor, args[2].c_str(), args[3].c_str(), mib, cache); });
   }
   if (command == "transition-incremental") {
     Expect(args, 1, 1);
-    return Call("transition_incremental", zelkobd_transition_incremental(MinorArg(args[1])));
+    unsigned minor = MinorArg(args[1]);
+    return Call("transition_incremental", [&] { return zelkobd_transition_incremental(minor); });
   }
   if (command == "transition-snapshot") {
     Expect(args, 3, 3);
-    return Call("transition_snapshot", zelkobd_transition_snapshot(MinorArg(args[1]), args[2].c_str(),
-                                                                   Number<unsigned long>(args[3], "MiB")));
+    unsigned minor = MinorArg(args[1]);
+    unsigned long mib = Number<unsigned long>(args[3], "MiB");
+    return Call("transition_snapshot", [&] { return zelkobd_transition_snapshot(minor, args[2].c_str(), mib); });
   }
   if (command == "destroy") {
     Expect(args, 1, 1);
-    return Call("destroy", zelkobd_destroy(MinorArg(args[1])));
+    unsigned minor = MinorArg(args[1]);
+    return Call("destroy", [&] { return zelkobd_destroy(minor); });
   }
 
   SimDriver driver(SimStore::FromEnvironment(command == "load"));
@@ -187,14 +194,15 @@ int main(int argc, char** argv) {
     std::cerr << "zbdctl: " << e.what() << "\n" << "Run 'zbdctl --help' for usage.\n";
     return 2;
   } catch (const SimError& e) {
-    std::cerr << "zbdctl: " << args[0] << " failed: " << e.what() << " (errno " << e.err() << ")\n";
+    std::cerr << "zbdctl: " << args[0] << ": " << e.what() << " (errno " << e.err() << ", " << std::strerror(e.err())
+              << ")\n";
     try {
       SimStore::FromEnvironment().log("zbdctl " + args[0] + " failed: " + e.what());
     } catch (const SimError&) {
     }
     return 1;
   } catch (const std::exception& e) {
-    std::cerr << "zbdctl: " << args[0] << " failed: " << e.what() << "\n";
+    std::cerr << "zbdctl: " << args[0] << ": " << e.what() << "\n";
     return 1;
   }
 }

@@ -22,6 +22,7 @@ import json
 import mmap
 import os
 import random
+import re
 import signal
 import struct
 import subprocess
@@ -140,11 +141,11 @@ class _Mount:
         if mounted_at(self.point) is not None:
             # A test that died while the file system was frozen must not block the unmount.
             run("fsfreeze", "--unfreeze", self.point, check=False)
-            for attempt in range(40):
+            for _ in range(30):
                 result = run("umount", self.point, check=False)
                 if result.returncode == 0 or mounted_at(self.point) is None:
                     break
-                time.sleep(0.05 * min(attempt + 1, 5))
+                time.sleep(0.1)
             else:
                 problems.append(f"umount {self.point} kept failing: {result.stderr.strip()}; detached lazily")
                 run("umount", "-l", self.point, check=False)
@@ -564,11 +565,10 @@ class SimDir:
         result = self.zbdctl(*args, check=False)
         if result.returncode == 0:
             return 0
-        marker = "errno "
-        at = result.stderr.find(marker)
-        if at < 0:
+        found = re.search(r"\(errno (\d+), ", result.stderr)
+        if not found:
             raise AssertionError(f"zbdctl {args} failed without an errno: {result.stderr}")
-        return int(result.stderr[at + len(marker):].split()[0].rstrip(")"))
+        return int(found.group(1))
 
     def info(self):
         """The status document, parsed."""
