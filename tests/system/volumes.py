@@ -57,7 +57,7 @@ def mounted_at(path):
     with open("/proc/self/mountinfo") as f:
         for line in f:
             fields = line.split()
-            point = fields[4].encode().decode("unicode_escape")
+            point = re.sub(r"\\([0-7]{3})", lambda m: chr(int(m.group(1), 8)), fields[4])
             if point == path:
                 dash = fields.index("-")
                 return fields[dash + 2], fields[dash + 1]
@@ -267,9 +267,8 @@ class LoopVolume:
             problems.append(f"{self.mountpoint} is still mounted")
         if loops_of(self.image):
             problems.append(f"{self.image} is still attached")
-        for path in (self.image,):
-            if os.path.exists(path):
-                os.unlink(path)
+        if os.path.exists(self.image):
+            os.unlink(self.image)
         if os.path.isdir(self.mountpoint) and mounted_at(self.mountpoint) is None:
             os.rmdir(self.mountpoint)
         _live.discard(self)
