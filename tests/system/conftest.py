@@ -91,3 +91,6 @@ def paired_client(running_agent, appliance):
     running_agent.set_config("log_level", 3)
     running_agent.set_config("log_days_to_keep", 30)
     return client
+
+# Loop-device volumes and the driver simulator (see volumes.py).
+from volumes import loop_volume, loop_volumes, sim_dir  # noqa: E402,F401
