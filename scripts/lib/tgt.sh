@@ -5,12 +5,13 @@
 #   trap tgt_cleanup EXIT
 #   tgt_start [--tuned]                    # sets TGT_PID TGT_PORT TGT_PORTAL TGT_CONTROL TGT_DIR
 #   tgt_add_target 1 iqn.2024-01.net.example:image
-#   path=$(tgt_add_lun 1 1 $((64 << 20)))  # a sparse backing file of that many bytes
+#   tgt_add_lun 1 1 $((64 << 20))          # a sparse backing file, its path in TGT_LUN_PATH
 #   tgt_add_chap 1 user secret-of-12+
 #   tgt_stop | tgt_kill | tgt_restart      # cut sessions; restart keeps ports and targets
 #   tgt_cleanup                            # stop and remove the backing files
 #
-# One instance per shell. tgtd ignores SIGTERM: it is stopped through tgtadm (targets
+# One instance per shell; call the functions directly, not in $( ) subshells, so that
+# the instance remembers its configuration for tgt_restart. tgtd ignores SIGTERM: it is stopped through tgtadm (targets
 # deleted, then "--op delete --mode system"), killed by pid only when it will not leave,
 # and its control sockets under /var/run/tgtd are removed afterwards. --tuned raises the
 # session parameters before any login and starts tgtd with larger malloc thresholds.
@@ -21,6 +22,7 @@ TGT_PORTAL=""
 TGT_CONTROL=""
 TGT_DIR=""
 TGT_TUNED=0
+TGT_LUN_PATH=""
 TGT_TIDS=()
 TGT_CONFIG=()  # configuration commands, one per entry, replayed by tgt_restart
 
@@ -120,11 +122,11 @@ tgt_add_target() {  # tid iqn
   _tgt_configure --lld iscsi --op bind --mode target --tid "$1" -I ALL
 }
 
-tgt_add_lun() {  # tid lun bytes [file]; prints the backing file's path
+tgt_add_lun() {  # tid lun bytes [file]; the backing file's path in TGT_LUN_PATH
   local file=${4:-$TGT_DIR/lun-$1-$2.img}
   truncate -s "$3" "$file" || return 1
-  _tgt_configure --lld iscsi --op new --mode logicalunit --tid "$1" --lun "$2" -b "$file" >/dev/null || return 1
-  echo "$file"
+  _tgt_configure --lld iscsi --op new --mode logicalunit --tid "$1" --lun "$2" -b "$file" || return 1
+  TGT_LUN_PATH=$file
 }
 
 tgt_add_chap() {  # tid user password
@@ -170,7 +172,7 @@ tgt_restart() {
   local commands=("${TGT_CONFIG[@]}") command
   TGT_CONFIG=()
   for command in "${commands[@]}"; do
-    eval "_tgt_configure $command" >/dev/null || return 1
+    eval "_tgt_configure $command" || return 1
   done
 }
 
