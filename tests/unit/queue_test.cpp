@@ -2,11 +2,13 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <thread>
+#include <vector>
 
 #include "transfer/queueitem.h"
 
@@ -146,6 +148,33 @@ TEST(BlockingQueueLifetimeTest, DestructionFreesItemsStillQueued) {
   ASSERT_EQ(queue.Init(), 0);
   ASSERT_EQ(queue.Push(Chunk(1)), 0);
   ASSERT_EQ(queue.Push(Chunk(2)), 0);
+}
+
+TEST(ChunkBufferTest, ChunkBuffersArePageAlignedAndComeBackWarm) {
+  const uintptr_t page = static_cast<uintptr_t>(getpagesize());
+  unsigned char* first = AllocateChunkBuffer(kChunkBytes);
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(first) % page, 0u);
+  first[kChunkBytes - 1] = 1;
+  ReleaseChunkBuffer(first);
+  // The next chunk reuses the released buffer rather than mapping a new one.
+  unsigned char* second = AllocateChunkBuffer(kChunkBytes);
+  EXPECT_EQ(second, first);
+  // A copy's chunks in flight each get a buffer of their own.
+  std::vector<unsigned char*> inFlight;
+  for (int i = 0; i < 6; ++i) inFlight.push_back(AllocateChunkBuffer(kChunkBytes));
+  for (unsigned char* buffer : inFlight) {
+    EXPECT_NE(buffer, second);
+    ReleaseChunkBuffer(buffer);
+  }
+  ReleaseChunkBuffer(second);
+  // Other sizes and buffers from elsewhere are plain allocations, released with free.
+  unsigned char* small = AllocateChunkBuffer(8192);
+  ASSERT_NE(small, nullptr);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(small) % page, 0u);
+  ReleaseChunkBuffer(small);
+  ReleaseChunkBuffer(static_cast<unsigned char*>(malloc(100)));
+  ReleaseChunkBuffer(nullptr);
 }
 
 }  // namespace
