@@ -3,6 +3,7 @@ import os
 import pytest
 
 from agent import Agent, pki
+from tgt import Tgtd
 
 
 @pytest.fixture(scope="session")
@@ -94,3 +95,17 @@ def paired_client(running_agent, appliance):
 
 # Loop-device volumes and the driver simulator (see volumes.py).
 from volumes import loop_volume, loop_volumes, sim_dir  # noqa: E402,F401
+
+
+@pytest.fixture
+def tgtd(tmp_path):
+    """A private tgtd on a free loopback port; the test adds targets. Torn down after the test."""
+    with Tgtd(tmp_path / "tgtd") as tgt:
+        yield tgt
+
+
+@pytest.fixture
+def tuned_tgtd(tmp_path):
+    """A private tgtd with raised session parameters and malloc thresholds, for throughput."""
+    with Tgtd(tmp_path / "tgtd", tuned=True) as tgt:
+        yield tgt

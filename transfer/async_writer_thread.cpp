@@ -1,0 +1,120 @@
+#include "transfer/async_writer_thread.h"
+
+#include <errno.h>
+
+#include <memory>
+
+#include "api/all_backup_status.h"
+#include "daemon/logger.h"
+#include "transfer/iscsi_block_device.h"
+
+namespace orv {
+
+AsyncWriterThread::AsyncWriterThread(const std::string& volumeUuid, AllBackupStatus* status)
+    : volumeUuid_(volumeUuid), status_(status) {}
+
+AsyncWriterThread::~AsyncWriterThread() {
+  if (flagMutexReady_) pthread_mutex_destroy(&flagMutex_);
+}
+
+int AsyncWriterThread::Init(BlockingQueue<queueitem>* queue, IscsiBlockDevice* device, const std::string& backupId) {
+  if (initialised_) {
+    Fail("sanity failure: asyncwriterthread already initted: ", -1);
+    return EALREADY;
+  }
+  int result = pthread_mutex_init(&flagMutex_, nullptr);
+  if (result != 0) {
+    Fail("can't initialize flagmutex: ", result);
+    return result;
+  }
+  flagMutexReady_ = true;
+  queue_ = queue;
+  device_ = device;
+  backupId_ = backupId;
+  initialised_ = true;
+  return 0;
+}
+
+void* AsyncWriterThread::ThreadMain(void* writer) {
+  LogDisplay(kDebug, "starting async write thread.");
+  static_cast<AsyncWriterThread*>(writer)->Run();
+  LogDisplay(kDebug, "exiting async write thread.");
+  return nullptr;
+}
+
+void AsyncWriterThread::Run() {
+  if (!initialised_) {
+    Fail("sanity failure: can't run thread until initted. ", -1);
+    return;
+  }
+  for (;;) {
+    queueitem* popped = nullptr;
+    int result = queue_->Pop(popped);
+    if (result != 0) {
+      Fail("Error pulling item from queue, error: ", result);
+      return;
+    }
+    if (popped == nullptr) return;
+    // Every popped chunk is freed here, written or not.
+    std::unique_ptr<queueitem> item(popped);
+    LogDisplay(kDebug, "read from queue writepos %ld writelen %ld", static_cast<long>(item->writePosition),
+               static_cast<long>(item->writeLength));
+    result = WriteItem(*item);
+    if (result != 0) {
+      Fail("Error performing iscsi target write: ", result);
+      return;
+    }
+  }
+}
+
+int AsyncWriterThread::WriteItem(const queueitem& item) {
+  if (device_->Seek(item.writePosition, 0) < 0) {
+    int error = errno;
+    if (status_ != nullptr) status_->setError("Could not seek on target device.", kErrorTargetWrite);
+    LogEvent(kError, backupId_, "Iscsi seek to %llu failed: %d", static_cast<unsigned long long>(item.writePosition),
+             error);
+    return error;
+  }
+  int64_t written = device_->WriteRetry(item.buffer, static_cast<size_t>(item.writeLength));
+  if (written < 1) {
+    // A refused empty write leaves errno untouched; the writer still has to fail.
+    int error = written < 0 && errno != 0 ? errno : EIO;
+    if (status_ != nullptr) status_->setError("Could not write to target device.", kErrorTargetWrite);
+    LogEvent(kError, backupId_, "Write to iscsi target failed: %d, write returned %d", error, static_cast<int>(written));
+    return error;
+  }
+  if (item.updateProgress && status_ != nullptr) status_->setBytesTransferred(volumeUuid_, item.transferValue);
+  LogDisplay(kDebug, "Wrote data chunk (write offset: %llu - length: %llu)  transfer value: %llu",
+             static_cast<unsigned long long>(item.writePosition), static_cast<unsigned long long>(item.writeLength),
+             static_cast<unsigned long long>(item.transferValue));
+  return 0;
+}
+
+void AsyncWriterThread::Fail(const std::string& text, int code) {
+  if (!flagMutexReady_) {
+    failureText_ += text + std::to_string(code);
+    return;
+  }
+  pthread_mutex_lock(&flagMutex_);
+  failureText_ += text + std::to_string(code);
+  pthread_mutex_unlock(&flagMutex_);
+}
+
+int AsyncWriterThread::GetFailure(std::string& out) {
+  if (!flagMutexReady_) return EINVAL;
+  int result = pthread_mutex_lock(&flagMutex_);
+  if (result != 0) return result;
+  out = failureText_;
+  pthread_mutex_unlock(&flagMutex_);
+  return 0;
+}
+
+void AsyncWriterThread::Stop(pthread_t& thread) {
+  if (queue_ == nullptr || !queue_->Initialised() || queue_->Push(nullptr) != 0) {
+    pthread_cancel(thread);
+  }
+  pthread_join(thread, nullptr);
+  thread = pthread_t();
+}
+
+}  // namespace orv

@@ -1,0 +1,60 @@
+#ifndef ORV_TRANSFER_ASYNC_WRITER_THREAD_H_
+#define ORV_TRANSFER_ASYNC_WRITER_THREAD_H_
+
+#include <pthread.h>
+
+#include <string>
+
+#include "transfer/blocking_queue.h"
+#include "transfer/queueitem.h"
+
+namespace orv {
+
+class AllBackupStatus;
+class IscsiBlockDevice;
+
+// The consumer of a copy's writer queue: pops chunks, seeks and writes them to the
+// volume's iSCSI LUN, advances the volume's bytes-transferred figure and keeps a failure
+// text that the copier polls. Errors reach the copier only through that text and the
+// status document's error entries (code 108).
+class AsyncWriterThread {
+ public:
+  // volumeUuid names the volume record whose progress the writer advances; status may be
+  // null when nobody watches (tools), then progress and errors go to the log only.
+  AsyncWriterThread(const std::string& volumeUuid, AllBackupStatus* status);
+  virtual ~AsyncWriterThread();
+  AsyncWriterThread(const AsyncWriterThread&) = delete;
+  AsyncWriterThread& operator=(const AsyncWriterThread&) = delete;
+
+  // Neither the queue nor the connected device is owned; both outlive the thread.
+  int Init(BlockingQueue<queueitem>* queue, IscsiBlockDevice* device, const std::string& backupId);
+  // The thread body: ends on the end-of-backup marker or on the first failure.
+  void Run();
+  // Entry for pthread_create with the writer as argument.
+  static void* ThreadMain(void* writer);
+  // Seeks and writes one chunk; 0 or errno.
+  int WriteItem(const queueitem& item);
+  // Appends `text` and the decimal `code` to the failure text.
+  void Fail(const std::string& text, int code);
+  // Copies the failure text (empty while all is well); the lock's error number.
+  int GetFailure(std::string& out);
+  // Ends the thread: an end marker that never waits for room, then a join; a cancel
+  // when the marker cannot be queued. The handle is cleared.
+  void Stop(pthread_t& thread);
+
+ private:
+  std::string volumeUuid_;
+  AllBackupStatus* status_;
+  bool initialised_ = false;
+  std::string failureText_;
+  // Made by Init, so that a failure to make it reaches the failure text.
+  pthread_mutex_t flagMutex_;
+  bool flagMutexReady_ = false;
+  BlockingQueue<queueitem>* queue_ = nullptr;
+  IscsiBlockDevice* device_ = nullptr;
+  std::string backupId_;
+};
+
+}  // namespace orv
+
+#endif  // ORV_TRANSFER_ASYNC_WRITER_THREAD_H_

@@ -1,0 +1,317 @@
+#include "transfer/iscsi_block_device.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+
+extern "C" {
+#include <iscsi/iscsi.h>
+#include <iscsi/scsi-lowlevel.h>
+}
+
+#include "daemon/logger.h"
+
+namespace orv {
+
+namespace {
+
+// The device mends a lost session by itself; a command that still fails after this many
+// fresh logins fails for good.
+constexpr int kReconnectAttempts = 5;
+// Descriptors above this are refused even though the session would work.
+constexpr int kHighestSocketFd = 254;
+// libiscsi's synchronous calls give up after this many seconds; the kernel drops a
+// socket whose data stays unacknowledged for as long.
+constexpr int kCommandTimeoutSeconds = 60;
+constexpr int kTcpUserTimeoutMs = 60000;
+// One SCSI command carries at most this many bytes (its length field is 32 bits).
+constexpr uint64_t kMaxCommandBytes = std::numeric_limits<uint32_t>::max();
+
+bool TaskGood(const scsi_task* task) { return task != nullptr && task->status == SCSI_STATUS_GOOD; }
+
+}  // namespace
+
+void IscsiBlockDevice::ContextDeleter::operator()(iscsi_context* context) const { iscsi_destroy_context(context); }
+
+void IscsiBlockDevice::TaskDeleter::operator()(scsi_task* task) const { scsi_free_scsi_task(task); }
+
+IscsiBlockDevice::IscsiBlockDevice(const std::string& qualifiedName, const std::string& targetAddress, int lun,
+                                   const std::string& username, const std::string& password)
+    : qualifiedName_(qualifiedName),
+      targetAddress_(targetAddress),
+      lun_(lun),
+      username_(username),
+      password_(password) {}
+
+IscsiBlockDevice::IscsiBlockDevice(const IscsiTarget& target)
+    : IscsiBlockDevice(target.qualifiedName, target.targetAddress, target.lun, target.username, target.password) {}
+
+IscsiBlockDevice::~IscsiBlockDevice() {
+  if (context_) Disconnect();
+}
+
+bool IscsiBlockDevice::FailConnect(const char* format, ...) {
+  char text[1024];
+  va_list args;
+  va_start(args, format);
+  vsnprintf(text, sizeof(text), format, args);
+  va_end(args);
+  LogEvent(kError, "", "%s", text);
+  context_.reset();
+  return false;
+}
+
+bool IscsiBlockDevice::Connect() {
+  MutexLock hold(lock_);
+  if (context_) Disconnect();
+  broken_ = false;
+  // The target's own name serves as the initiator name: the appliance grants each
+  // volume's LUN to exactly that name.
+  context_.reset(iscsi_create_context(qualifiedName_.c_str()));
+  if (!context_) {
+    LogEvent(kError, "", "Failed to create iscsi context.");
+    return false;
+  }
+  iscsi_context* context = context_.get();
+  iscsi_set_tcp_user_timeout(context, kTcpUserTimeoutMs);
+  // libiscsi's own reconnection would replay commands behind our back; the device
+  // reconnects by itself and keeps the byte position.
+  iscsi_set_reconnect_max_retries(context, 0);
+  if (iscsi_set_targetname(context, qualifiedName_.c_str()) != 0) {
+    return FailConnect("Failed to set iscsi target name.");
+  }
+  if (iscsi_set_session_type(context, ISCSI_SESSION_NORMAL) != 0) {
+    return FailConnect("Failed to set iscsi session type.");
+  }
+  if (iscsi_set_header_digest(context, ISCSI_HEADER_DIGEST_NONE_CRC32C) != 0) {
+    return FailConnect("Failed to set iscsi header digest.");
+  }
+  if (iscsi_set_initiator_username_pwd(context, username_.c_str(), password_.c_str()) != 0) {
+    return FailConnect("Failed to set iscsi initiator username and password\n");
+  }
+  if (iscsi_set_immediate_data(context, ISCSI_IMMEDIATE_DATA_YES) != 0) {
+    return FailConnect("Failed to set iscsi 'IMMEDIATE DATA' option. %s", iscsi_get_error(context));
+  }
+  if (iscsi_set_initial_r2t(context, ISCSI_INITIAL_R2T_NO) != 0) {
+    return FailConnect("Failed to set iscsi 'INITIAL R2T' option. %s", iscsi_get_error(context));
+  }
+  if (iscsi_set_timeout(context, kCommandTimeoutSeconds) != 0) {
+    return FailConnect("Failed to set iscsi timeout.");
+  }
+  if (iscsi_full_connect_sync(context, targetAddress_.c_str(), lun_) != 0) {
+    return FailConnect("Connect or Login failed: Qname: %s Target: %s LUN: %d. Error: %s", qualifiedName_.c_str(),
+                       targetAddress_.c_str(), lun_, iscsi_get_error(context));
+  }
+  fd_ = iscsi_get_fd(context);
+  if (fd_ > kHighestSocketFd) {
+    LogEvent(kError, "", "Iscsi socket error - too many files open.");
+    if (iscsi_is_logged_in(context)) iscsi_logout_sync(context);
+    context_.reset();
+    return false;
+  }
+  TaskPtr task(iscsi_readcapacity16_sync(context, lun_));
+  if (!TaskGood(task.get())) {
+    return FailConnect("Failed during iscsi read capacity command.");
+  }
+  auto* capacity = static_cast<scsi_readcapacity16*>(scsi_datain_unmarshall(task.get()));
+  if (capacity == nullptr) {
+    return FailConnect("Failed to unmarshall read capacity data.");
+  }
+  // A block length of 0 would make every position computation divide by zero.
+  if (capacity->block_length == 0) {
+    return FailConnect("Failed during iscsi read capacity command.");
+  }
+  LogDisplay(kInfo, "Iscsi connected:");
+  LogDisplay(kInfo, "\tFD = %d", fd_);
+  LogDisplay(kInfo, "\tBlock size: %d", static_cast<int>(capacity->block_length));
+  LogDisplay(kInfo, "\tBlock count: %lu", static_cast<unsigned long>(capacity->returned_lba + 1));
+  position_ = 0;
+  blockSize_ = capacity->block_length;
+  blockCount_ = capacity->returned_lba + 1;
+  return true;
+}
+
+bool IscsiBlockDevice::Disconnect() {
+  MutexLock hold(lock_);
+  if (!context_) return false;
+  if (!broken_) ProbeRead();
+  // A session that no longer answers would hold the logout until the command timeout.
+  if (!broken_ && iscsi_is_logged_in(context_.get())) iscsi_logout_sync(context_.get());
+  context_.reset();
+  return true;
+}
+
+void IscsiBlockDevice::ProbeRead() {
+  MutexLock hold(lock_);
+  if (!context_) return;
+  TaskPtr task(iscsi_read16_sync(context_.get(), lun_, 0, static_cast<uint32_t>(blockSize_),
+                                 static_cast<int>(blockSize_), 0, 0, 0, 0, 0));
+  if (!TaskGood(task.get())) broken_ = true;
+}
+
+int64_t IscsiBlockDevice::Read(void* buffer, size_t length, bool& retryFlag) {
+  MutexLock hold(lock_);
+  if (busy_) {
+    errno = EBUSY;
+    return -1;
+  }
+  if (!context_) {
+    errno = ENOTCONN;
+    return -1;
+  }
+  uint64_t lba = static_cast<uint64_t>(position_) / blockSize_;
+  if (lba >= blockCount_) return 0;
+  if (length == 0) return 0;
+  uint64_t offsetInBlock = static_cast<uint64_t>(position_) % blockSize_;
+  uint64_t blocks = (blockSize_ + length - 1 + offsetInBlock) / blockSize_;
+  if (lba + blocks > blockCount_) {
+    blocks = blockCount_ - lba;
+    length = blocks * blockSize_ - offsetInBlock;
+  }
+  if (blocks * blockSize_ > kMaxCommandBytes) {
+    errno = EINVAL;
+    return -1;
+  }
+  busy_ = true;
+  TaskPtr task(iscsi_read16_sync(context_.get(), lun_, lba, static_cast<uint32_t>(blocks * blockSize_),
+                                 static_cast<int>(blockSize_), 0, 0, 0, 0, 0));
+  busy_ = false;
+  if (!TaskGood(task.get())) {
+    LogEvent(kError, "", "Failed during iscsi read command.");
+    errno = EIO;
+    broken_ = true;
+    retryFlag = true;
+    return -1;
+  }
+  // The data starts at the block boundary; a target that sends fewer bytes than asked
+  // gives a short read rather than stale bytes.
+  size_t available = task->datain.size > 0 ? static_cast<size_t>(task->datain.size) : 0;
+  if (available <= offsetInBlock) {
+    LogEvent(kError, "", "Failed during iscsi read command.");
+    errno = EIO;
+    return -1;
+  }
+  if (length > available - offsetInBlock) length = available - offsetInBlock;
+  memcpy(buffer, task->datain.data + offsetInBlock, length);
+  position_ += static_cast<int64_t>(length);
+  return static_cast<int64_t>(length);
+}
+
+int64_t IscsiBlockDevice::Write(const void* buffer, size_t length, bool& retryFlag) {
+  MutexLock hold(lock_);
+  if (busy_) {
+    errno = EBUSY;
+    return -1;
+  }
+  if (!context_) {
+    errno = ENOTCONN;
+    return -1;
+  }
+  if (static_cast<uint64_t>(position_) % blockSize_ != 0 || length % blockSize_ != 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  uint64_t lba = static_cast<uint64_t>(position_) / blockSize_;
+  if (blockCount_ <= lba) {
+    errno = ENOSPC;
+    return -1;
+  }
+  if (lba + length / blockSize_ > blockCount_) length = blockSize_ * (blockCount_ - lba);
+  if (length == 0) return 0;
+  if (length > kMaxCommandBytes) {
+    errno = EINVAL;
+    return -1;
+  }
+  busy_ = true;
+  // libiscsi sends straight from the caller's buffer; it does not write to it.
+  TaskPtr task(iscsi_write16_sync(context_.get(), lun_, lba, static_cast<unsigned char*>(const_cast<void*>(buffer)),
+                                  static_cast<uint32_t>(length), static_cast<int>(blockSize_), 0, 0, 0, 0, 0));
+  busy_ = false;
+  if (!TaskGood(task.get())) {
+    LogEvent(kError, "", "Failed during iscsi write command.");
+    errno = EIO;
+    broken_ = true;
+    retryFlag = true;
+    return -1;
+  }
+  position_ += static_cast<int64_t>(length);
+  return static_cast<int64_t>(length);
+}
+
+bool IscsiBlockDevice::Reconnect() {
+  broken_ = true;
+  Disconnect();
+  int64_t position = position_;
+  bool connected = Connect();
+  position_ = position;
+  if (connected) broken_ = false;
+  return connected;
+}
+
+int64_t IscsiBlockDevice::ReadRetry(void* buffer, size_t length) {
+  MutexLock hold(lock_);
+  bool retryFlag = false;
+  int64_t result = Read(buffer, length, retryFlag);
+  if (!retryFlag) return result;
+  for (int attempt = 0; attempt < kReconnectAttempts; ++attempt) {
+    LogEvent(kError, "", "Read iscsi failed, sleeping, reconnecting, and retrying");
+    sleep(1);
+    if (!Reconnect()) continue;
+    retryFlag = false;
+    result = Read(buffer, length, retryFlag);
+    if (!retryFlag) return result;
+  }
+  broken_ = true;
+  errno = EIO;
+  return -1;
+}
+
+int64_t IscsiBlockDevice::WriteRetry(const void* buffer, size_t length) {
+  MutexLock hold(lock_);
+  bool retryFlag = false;
+  int64_t result = Write(buffer, length, retryFlag);
+  if (!retryFlag) return result;
+  for (int attempt = 0; attempt < kReconnectAttempts; ++attempt) {
+    LogEvent(kError, "", "Write iscsi failed, sleeping, reconnecting, and retrying");
+    sleep(1);
+    if (!Reconnect()) continue;
+    retryFlag = false;
+    result = Write(buffer, length, retryFlag);
+    if (!retryFlag) return result;
+  }
+  broken_ = true;
+  errno = EIO;
+  return -1;
+}
+
+int64_t IscsiBlockDevice::Seek(int64_t offset, int whence) {
+  errno = 0;
+  int64_t base;
+  switch (whence) {
+    case 0:
+      base = 0;
+      break;
+    case 1:
+      base = position_;
+      break;
+    case 2:
+      base = Size();
+      break;
+    default:
+      errno = EINVAL;
+      return -1;
+  }
+  int64_t target;
+  if (__builtin_add_overflow(base, offset, &target) || target < 0 || target > Size()) {
+    errno = EINVAL;
+    return -1;
+  }
+  position_ = target;
+  return target;
+}
+
+}  // namespace orv

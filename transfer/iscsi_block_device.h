@@ -1,0 +1,99 @@
+#ifndef ORV_TRANSFER_ISCSI_BLOCK_DEVICE_H_
+#define ORV_TRANSFER_ISCSI_BLOCK_DEVICE_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "backup/mutex.h"
+
+struct iscsi_context;
+struct scsi_task;
+
+namespace orv {
+
+// The target settings of one volume's image, as the backup request names them.
+struct IscsiTarget {
+  std::string qualifiedName;  // the target's IQN, also used as the initiator name
+  std::string targetAddress;  // portal, "host[:port]"
+  int lun = 0;
+  std::string username;  // CHAP; empty for none
+  std::string password;
+};
+
+// One LUN of an iSCSI target seen as a seekable block device: a byte position, Read and
+// Write that advance it, Seek and a size. All traffic goes through libiscsi's
+// synchronous calls. A lost session is mended by ReadRetry/WriteRetry, which log in
+// again and repeat the command at the same byte position.
+//
+// Failures return -1 with errno (EBUSY, EINVAL, ENOSPC, EIO, ENOTCONN) and are logged
+// with an empty backup id; nothing throws.
+class IscsiBlockDevice {
+ public:
+  IscsiBlockDevice(const std::string& qualifiedName, const std::string& targetAddress, int lun,
+                   const std::string& username, const std::string& password);
+  explicit IscsiBlockDevice(const IscsiTarget& target);
+  virtual ~IscsiBlockDevice();
+  IscsiBlockDevice(const IscsiBlockDevice&) = delete;
+  IscsiBlockDevice& operator=(const IscsiBlockDevice&) = delete;
+
+  // Logs in and learns the geometry; the position is 0 afterwards.
+  bool Connect();
+  // Logs out when the session still answers, then drops it. False when not connected.
+  bool Disconnect();
+
+  // Bytes read (cut at the end of the LUN), 0 at the end, -1 with errno. A transport
+  // failure sets retryFlag.
+  int64_t Read(void* buffer, size_t length, bool& retryFlag);
+  // Bytes written (cut at the end of the LUN), -1 with errno. Position and length must
+  // be whole blocks (EINVAL). A transport failure sets retryFlag.
+  int64_t Write(const void* buffer, size_t length, bool& retryFlag);
+  // The forms every caller uses: up to five reconnects on a transport failure.
+  int64_t ReadRetry(void* buffer, size_t length);
+  int64_t WriteRetry(const void* buffer, size_t length);
+
+  // whence 0 (start), 1 (current), 2 (end); the new position or -1 with EINVAL.
+  int64_t Seek(int64_t offset, int whence);
+  int64_t Size() const { return static_cast<int64_t>(blockSize_ * blockCount_); }
+  int64_t Position() const { return position_; }
+  uint64_t BlockSize() const { return blockSize_; }
+  uint64_t BlockCount() const { return blockCount_; }
+  bool Connected() const { return context_ != nullptr; }
+
+  // Reads block 0; a failure marks the session broken so that Disconnect skips the logout.
+  void ProbeRead();
+
+ private:
+  struct ContextDeleter {
+    void operator()(iscsi_context* context) const;
+  };
+  struct TaskDeleter {
+    void operator()(scsi_task* task) const;
+  };
+  using ContextPtr = std::unique_ptr<iscsi_context, ContextDeleter>;
+  using TaskPtr = std::unique_ptr<scsi_task, TaskDeleter>;
+
+  // Logs a failed connect step and drops the half-made context.
+  bool FailConnect(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  // Drops the session and logs in again at the same byte position.
+  bool Reconnect();
+
+  int fd_ = 0;
+  int64_t position_ = 0;
+  uint64_t blockSize_ = 0;
+  uint64_t blockCount_ = 0;
+  bool busy_ = false;
+  ContextPtr context_;
+  std::string qualifiedName_;
+  std::string targetAddress_;
+  int lun_ = 0;
+  std::string username_;
+  std::string password_;
+  bool broken_ = false;
+  Mutex lock_{true};
+};
+
+}  // namespace orv
+
+#endif  // ORV_TRANSFER_ISCSI_BLOCK_DEVICE_H_
