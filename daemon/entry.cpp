@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "api/agent_api.h"
+#include "api/http_server.h"
 #include "daemon/file_util.h"
 #include "daemon/flock.h"
 #include "daemon/logger.h"
@@ -132,6 +134,11 @@ void EnsureConfigDirectories() {
   exit(1);
 }
 
+bool IsCommandWord(const char* word) {
+  std::string text = word;
+  return text == "get_config" || text == "set_config" || text == "delete_config" || text == "reset_certificate";
+}
+
 void RunCommandIfAny(int argc, char** argv) {
   if (argc < 2) return;
   std::string command = argv[1];
@@ -188,8 +195,23 @@ bool StartupChecks() {
 }
 
 int RunServer(SignalWaiter& waiter) {
+  // The backup manager joins the router when backups are part of the agent; until then
+  // the router answers the backup routes as bad requests and there is nothing to cancel
+  // or wait for at shutdown.
+  BackupManager* manager = nullptr;
+  auto api = std::make_unique<AgentAPI>(manager);
+  auto server = std::make_unique<HttpServer>(api.get());
+  if (!server->start()) {
+    LogSyslog(kError, "Could not initialize HTTP server.");
+    puts("Could not start Zelko Linux Agent. Failed to initialize HTTP server.");
+    fflush(stdout);
+    return 1;
+  }
   waiter.wait();
   LogEvent(kInfo, "", "Shutting down");
+  server->stop();
+  server.reset();
+  api.reset();
   return 0;
 }
 
@@ -203,8 +225,12 @@ int AgentMain(int argc, char** argv) {
   };
   // Unknown options are ignored, so getopt's own complaint is not wanted either.
   opterr = 0;
+  // After a command word nothing is an option: "set_config key -1" must store -1, not
+  // have getopt move the command word away and start the daemon instead.
+  bool command = argc >= 2 && IsCommandWord(argv[1]);
+  const char* shortOptions = command ? "+hsdl:" : "hsdl:";
   int option;
-  while ((option = getopt_long(argc, argv, "hsdl:", kLongOptions, nullptr)) != -1) {
+  while ((option = getopt_long(argc, argv, shortOptions, kLongOptions, nullptr)) != -1) {
     switch (option) {
       case 'h':
         PrintUsage();

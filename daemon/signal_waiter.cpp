@@ -1,6 +1,7 @@
 #include "daemon/signal_waiter.h"
 
 #include <signal.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace orv {
@@ -37,7 +38,13 @@ void SignalWaiter::install() {
 
 int SignalWaiter::wait() {
   install();
-  pause();
+  // A signal may already have arrived while the server was starting, or may land on
+  // another thread than this one: pause() alone would then sleep for ever. Short
+  // sleeps, each ended early by a signal on this thread, see both.
+  while (receivedSignal == 0) {
+    struct timespec interval = {0, 200 * 1000 * 1000};
+    nanosleep(&interval, nullptr);
+  }
   int signo = receivedSignal;
   receivedSignal = 0;
   return signo;

@@ -16,7 +16,8 @@ class SignalWaiter {
   SignalWaiter& operator=(const SignalWaiter&) = delete;
 
   void install();
-  // One pause(): returns the signal that ended it.
+  // Returns once one of the signals has arrived (also one that arrived before the
+  // call), with its number.
   int wait();
 
  private:

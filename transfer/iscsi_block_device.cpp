@@ -191,6 +191,7 @@ int64_t IscsiBlockDevice::Read(void* buffer, size_t length, bool& retryFlag) {
   // gives a short read rather than stale bytes.
   size_t available = task->datain.size > 0 ? static_cast<size_t>(task->datain.size) : 0;
   if (available <= offsetInBlock) {
+    LogEvent(kError, "", "Failed during iscsi read command.");
     errno = EIO;
     return -1;
   }

@@ -1,9 +1,6 @@
 #include "transfer/writer_pipeline.h"
 
 #include <errno.h>
-#include <unistd.h>
-
-#include <cstdlib>
 
 #include "daemon/logger.h"
 
@@ -47,6 +44,8 @@ std::string WriterPipeline::WriterFailure() {
 }
 
 bool WriterPipeline::Push(std::unique_ptr<queueitem> item) {
+  // The end marker is Finish's to queue.
+  if (!item) return false;
   LogDisplay(kDebug, "Writing to queue writepos %ld writelen %ld", static_cast<long>(item->writePosition),
              static_cast<long>(item->writeLength));
   for (;;) {
@@ -90,14 +89,10 @@ bool WriterPipeline::Finish() {
 }
 
 std::unique_ptr<queueitem> WriterPipeline::MakeQueueItem(size_t bytes) {
-  void* buffer = nullptr;
-  int result = posix_memalign(&buffer, static_cast<size_t>(getpagesize()), bytes);
-  if (result != 0) {
-    errno = result;
-    return nullptr;
-  }
+  unsigned char* buffer = AllocateChunkBuffer(bytes);
+  if (buffer == nullptr) return nullptr;
   auto item = std::make_unique<queueitem>();
-  item->buffer = static_cast<unsigned char*>(buffer);
+  item->buffer = buffer;
   item->writeLength = static_cast<int64_t>(bytes);
   return item;
 }

@@ -48,8 +48,8 @@ class WriterPipeline {
   // more. True only when the writer wrote everything; a second call repeats the answer.
   bool Finish();
 
-  // A chunk with a page-aligned buffer of `bytes` (for O_DIRECT reads); null with errno
-  // set when the buffer cannot be had.
+  // A chunk with a page-aligned buffer of `bytes` (for O_DIRECT reads) and that write
+  // length; null with errno set when the buffer cannot be had.
   static std::unique_ptr<queueitem> MakeQueueItem(size_t bytes);
 
  private:

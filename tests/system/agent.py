@@ -6,7 +6,9 @@ side.
 """
 import os
 import signal
+import socket
 import sqlite3
+import ssl
 import subprocess
 import sys
 import time
@@ -15,8 +17,40 @@ SOURCE_DIR = os.environ.get("ORV_SOURCE_DIR", os.path.abspath(os.path.join(os.pa
 sys.path.insert(0, os.path.join(SOURCE_DIR, "tools", "appliance"))
 
 import pki  # noqa: E402
+from appliance_client import ApplianceClient, ConnectionFailure  # noqa: E402,F401
 
 ORVD = os.environ.get("ORVD_BIN", os.path.join(SOURCE_DIR, "build", "orvd"))
+
+
+def free_port():
+    """A TCP port that nothing on this machine listens on right now (all addresses,
+    as the agent binds them)."""
+    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
+        s.bind(("0.0.0.0", 0))
+        return s.getsockname()[1]
+
+
+def accepts_tls(port, host="127.0.0.1", timeout=2):
+    """True when a TLS handshake on the port completes."""
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+    context.check_hostname = False
+    context.verify_mode = ssl.CERT_NONE
+    try:
+        with socket.create_connection((host, port), timeout=timeout) as raw:
+            with context.wrap_socket(raw):
+                return True
+    except (OSError, ssl.SSLError):
+        return False
+
+
+def wait_for(predicate, timeout=30, interval=0.1, what="condition"):
+    deadline = time.time() + timeout
+    while time.time() < deadline:
+        value = predicate()
+        if value:
+            return value
+        time.sleep(interval)
+    raise AssertionError("timed out after %ss waiting for %s" % (timeout, what))
 
 
 class Agent:
@@ -41,6 +75,7 @@ class Agent:
             self.env.update(extra_env)
         self.process = None
         self.output_path = os.path.join(self.root, "orvd.out")
+        self.port = None
 
     # -- identity -------------------------------------------------------------------
     def install_identity(self, authority, hostname="localhost"):
@@ -81,12 +116,50 @@ class Agent:
             raise RuntimeError("orvd did not take its PID file:\n" + self.output())
         return self.process
 
+    def serve(self, port=None, timeout=30):
+        """Sets rest_port through the real set_config command (a free port unless one
+        is given), starts the daemon and waits until it accepts TLS there."""
+        self.port = port or free_port()
+        self.set_config("rest_port", self.port)
+        self.start(timeout=timeout)
+        self.wait_listening(self.port, timeout=timeout)
+        return self.port
+
+    def wait_listening(self, port, timeout=30):
+        def up():
+            if self.process is not None and self.process.poll() is not None:
+                raise RuntimeError("orvd exited with %d:\n%s" % (self.process.returncode, self.output()))
+            return accepts_tls(port)
+        wait_for(up, timeout=timeout, what="orvd to accept TLS on port %d" % port)
+
+    def client(self, cert_files=None, port=None, ca=None, timeout=60):
+        """An appliance client for this agent: cert_files is (cert_path, key_path) or
+        None for a client without a certificate; the agent's certificate is verified
+        against its own ca.crt unless `ca` names another file."""
+        cert, key = cert_files if cert_files else (None, None)
+        return ApplianceClient("127.0.0.1", port or self.port, cert=cert, key=key,
+                               ca=ca or os.path.join(self.cert_dir, "ca.crt"), timeout=timeout)
+
+    def config(self, key):
+        rows = self.query("SELECT value FROM config WHERE name = ?", (key,))
+        return rows[0][0] if rows else None
+
     def output(self):
         try:
             with open(self.output_path) as f:
                 return f.read()
         except FileNotFoundError:
             return ""
+
+    def sanitizer_report(self):
+        """The AddressSanitizer or UBSan report in the daemon's output, if any."""
+        text = self.output()
+        for marker in ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:",
+                       "WARNING: ThreadSanitizer"):
+            at = text.find(marker)
+            if at >= 0:
+                return text[max(0, at - 200):at + 4000]
+        return ""
 
     def wait_output(self, text, timeout=30):
         deadline = time.time() + timeout

@@ -77,6 +77,11 @@ def test_configuration_commands_print_exact_texts_and_exit_one(agent):
     result = agent.run("get_config")
     assert result.stdout == "Current configuration settings:\nnote = %s\ncow_percent = 20\n" % hostile
 
+    # Values that look like options are values after a command word.
+    result = agent.run("set_config", "log_days_to_keep", "-1")
+    assert (result.returncode, result.stdout) == (1, "Setting config key log_days_to_keep to -1\n")
+    agent.run("delete_config", "log_days_to_keep")
+
     result = agent.run("delete_config")
     assert (result.returncode, result.stdout) == (1, "delete_config requires a key.\n")
     result = agent.run("delete_config", "")

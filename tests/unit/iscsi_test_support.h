@@ -19,10 +19,10 @@
 
 namespace orv {
 
-// libiscsi loses the task of a synchronous command whose session dies under it (and a
-// little of its own reconnect attempt): about 200 bytes per lost session, which no caller
-// can reach. Tests that cut sessions on purpose run their commands under this so that the
-// leak checker still watches everything else.
+// libiscsi loses the task of a synchronous command whose session dies under it, and a
+// little of a login that the target hangs up on: at most about 200 bytes per lost
+// session, which no caller can reach. Tests that cut sessions on purpose run those calls
+// under this so that the leak checker still watches everything else.
 class LibiscsiSessionLossLeaks {
  public:
 #if defined(__SANITIZE_ADDRESS__)

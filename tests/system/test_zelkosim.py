@@ -1,0 +1,526 @@
+"""The driver simulator seen from outside: the control library's calls (through zbdctl,
+which makes exactly those calls), its status document, snapshot devices and COW files,
+on real loop volumes of every file system the agent backs up."""
+
+import errno
+import fcntl
+import os
+import struct
+import subprocess
+import sys
+import textwrap
+import time
+
+import pytest
+
+from volumes import (FS_TYPES, MIB, block_digests, changed_blocks, covered_blocks, device_blocks, mount_image_readonly,
+                     read_block, verify_content, zbdctl_path)
+
+COW_MIB = 26  # what the agent asks for a 256 MiB volume
+SOURCE_DIR = os.environ.get("ORV_SOURCE_DIR", os.path.join(os.path.dirname(__file__), "..", ".."))
+
+
+def setup_snapshot(sim, volume, minor=0, cow=".zelko", mib=COW_MIB):
+    sim.zbdctl("setup-snapshot", minor, volume.device, volume.path(cow), mib)
+
+
+def read_map(cow_path, volume_bytes):
+    """The COW file's change map as the agent reads it: one u64 per 4096-byte block after
+    the 4096-byte header, non-zero for a changed block."""
+    blocks = (volume_bytes + 4095) // 4096
+    with open(cow_path, "rb") as f:
+        f.seek(4096)
+        data = f.read(blocks * 8)
+    assert len(data) == blocks * 8, f"{cow_path} holds a short map"
+    return {i for i, entry in enumerate(struct.iter_unpack("=Q", data)) if entry[0]}
+
+
+def header_use(cow_path):
+    with open(cow_path, "rb") as f:
+        head = f.read(16)
+    assert head[:8] == b"ZELKOCOW"
+    return struct.unpack_from("=I", head, 12)[0]
+
+
+def write_device(device, block, data):
+    """Writes `data` at 4096-byte block `block` of the raw device, past the file system."""
+    import mmap
+    buf = mmap.mmap(-1, len(data))
+    buf.write(data)
+    fd = os.open(device, os.O_WRONLY | os.O_DIRECT)
+    try:
+        assert os.pwritev(fd, [buf], block * 4096) == len(data)
+        os.fsync(fd)
+    finally:
+        os.close(fd)
+        buf.close()
+
+
+def overwrite(path, offset, data):
+    with open(path, "r+b") as f:
+        f.seek(offset)
+        f.write(data)
+        f.flush()
+        os.fsync(f.fileno())
+
+
+def change_volume(volume):
+    """Writes, overwrites and deletes files through the file system."""
+    with open(volume.path("after.bin"), "wb") as f:
+        f.write(os.urandom(3 * MIB))
+    overwrite(volume.path("large", "big0.bin"), 5000, os.urandom(70000))
+    os.unlink(volume.path("large", "big1.bin"))
+    volume.sync()
+
+
+@pytest.mark.parametrize("fs_type", FS_TYPES)
+def test_snapshot_keeps_the_volume_as_it_was(sim_dir, loop_volumes, fs_type, tmp_path):
+    volume = loop_volumes(fs_type)
+    setup_snapshot(sim_dir, volume)
+    assert sim_dir.info()["devices"] == [{"minor": 0, "state": 3, "cow_file": volume.path(".zelko"),
+                                          "block_device": volume.device, "error": 0}]
+    assert os.path.getsize(volume.path(".zelko")) == COW_MIB * MIB
+    assert header_use(volume.path(".zelko")) == 1
+    snapshot = sim_dir.device_path(0)
+    before = block_digests(snapshot)
+    assert len(before) * 4096 == volume.size_mib * MIB
+
+    change_volume(volume)
+    assert block_digests(snapshot) == before, "writes to the volume reached the snapshot"
+    # The capture is a consistent file system holding exactly the files of its moment.
+    with mount_image_readonly(snapshot, fs_type, str(tmp_path / "snap")) as image:
+        assert verify_content(image.point, volume.manifest) == []
+        assert not os.path.exists(os.path.join(image.point, "after.bin"))
+
+
+@pytest.mark.parametrize("fs_type", ["ext2", "ext4", "xfs", "ntfs"])
+def test_change_map_marks_exactly_the_changed_blocks(sim_dir, loop_volumes, fs_type):
+    volume = loop_volumes(fs_type)
+    size = volume.size_mib * MIB
+    setup_snapshot(sim_dir, volume)
+    baseline = block_digests(sim_dir.device_path(0))
+    sim_dir.zbdctl("transition-incremental", 0)
+    assert sim_dir.device(0)["state"] == 2
+    assert not os.path.exists(sim_dir.device_path(0))
+
+    # Through the file system: 5000 bytes in place, straddling two blocks.
+    big0 = volume.path("large", "big0.bin")
+    through_fs = device_blocks(big0, MIB + 4000, 5000)
+    overwrite(big0, MIB + 4000, os.urandom(5000))
+    # Past the file system: three scattered blocks of another file, on the raw device.
+    raw = sorted(device_blocks(volume.path("large", "big1.bin"), 2 * MIB, 40 * 4096))[::17][:3]
+    for block in raw:
+        write_device(volume.device, block, os.urandom(4096))
+    volume.sync()
+
+    sim_dir.zbdctl("transition-snapshot", 0, volume.path(".zelko1"), COW_MIB)
+    assert sim_dir.device(0) == {"minor": 0, "state": 3, "cow_file": volume.path(".zelko1"),
+                                 "block_device": volume.device, "error": 0}
+    after = block_digests(sim_dir.device_path(0))
+    cow_blocks = covered_blocks(volume.path(".zelko")) | covered_blocks(volume.path(".zelko1"))
+    marked = read_map(volume.path(".zelko"), size)
+    assert marked == changed_blocks(baseline, after) - cow_blocks
+    assert through_fs <= marked and set(raw) <= marked
+    assert not marked & cow_blocks
+    assert header_use(volume.path(".zelko")) == 3  # retired, for the agent to merge
+
+    # The agent merges and deletes the retired COW file, then tracks again. The header and
+    # map written into it must not come back as changes once its blocks are freed (only a
+    # few may, reused as ext2's indirect blocks), and nothing else changed but metadata.
+    region = 4096 + (size // 4096) * 8
+    retired = device_blocks(volume.path(".zelko"), 0, region)
+    os.unlink(volume.path(".zelko"))
+    volume.sync()
+    sim_dir.zbdctl("transition-incremental", 0)
+    sim_dir.zbdctl("transition-snapshot", 0, volume.path(".zelko"), COW_MIB)
+    second = read_map(volume.path(".zelko1"), size)
+    reused = second & retired
+    assert not reused if fs_type != "ext2" else len(reused) < 8, f"retired map blocks marked: {sorted(reused)}"
+    assert len(second) < 300, f"{len(second)} blocks marked after only metadata changed"
+
+
+def test_sync_keeps_the_map_current_and_never_unmarks(sim_dir, loop_volumes):
+    volume = loop_volumes("ext4")
+    size = volume.size_mib * MIB
+    setup_snapshot(sim_dir, volume)
+    sim_dir.zbdctl("transition-incremental", 0)
+    target = sorted(device_blocks(volume.path("large", "big0.bin"), 0, 4096))[0]
+    original = read_block(volume.device, target)
+    assert target not in read_map(volume.path(".zelko"), size)
+    write_device(volume.device, target, os.urandom(4096))
+    assert "zelko0: incremental, " in sim_dir.zbdctl("sync").stdout
+    marked = read_map(volume.path(".zelko"), size)
+    assert target in marked
+    # Written back to its old content the block stays marked, as a driver's would.
+    write_device(volume.device, target, original)
+    sim_dir.zbdctl("sync")
+    assert read_map(volume.path(".zelko"), size) >= marked
+
+
+@pytest.mark.parametrize("fs_type", ["ext4", "xfs", "ntfs"])
+def test_cow_larger_than_free_space_fails_with_enospc(sim_dir, loop_volumes, fs_type):
+    volume = loop_volumes(fs_type, fill=False)
+    free = os.statvfs(volume.mountpoint).f_bavail
+    assert sim_dir.call_errno("setup-snapshot", 0, volume.device, volume.path(".zelko"), 2048) == errno.ENOSPC
+    assert sim_dir.info()["devices"] == []
+    assert not os.path.exists(volume.path(".zelko"))
+    assert not os.listdir(os.path.join(sim_dir.path, "dev"))
+    assert not os.listdir(os.path.join(sim_dir.path, "images"))
+    assert os.statvfs(volume.mountpoint).f_bavail >= free - 16
+    setup_snapshot(sim_dir, volume, mib=16)
+    assert sim_dir.device(0)["state"] == 3
+
+
+def test_each_injected_fault_fails_exactly_the_calls_asked_for(sim_dir, loop_volumes):
+    volume = loop_volumes("ext4", fill=False)
+    setup = ("setup-snapshot", 0, volume.device, volume.path(".zelko"), 16)
+    sim_dir.zbdctl("fault", "setup_snapshot", "EBUSY", 2)
+    assert [sim_dir.call_errno(*setup) for _ in range(3)] == [errno.EBUSY, errno.EBUSY, 0]
+    assert sim_dir.device(0)["state"] == 3
+
+    sim_dir.zbdctl("fault", "zelkobd_transition_incremental", 11, 3)
+    sim_dir.zbdctl("fault", "destroy", "16")  # queued for another call: no effect here
+    assert [sim_dir.call_errno("transition-incremental", 0) for _ in range(3)] == [errno.EAGAIN] * 3
+    assert sim_dir.device(0)["state"] == 3
+    assert sim_dir.call_errno("transition-incremental", 0) == 0
+    assert sim_dir.device(0)["state"] == 2
+
+    sim_dir.zbdctl("fault", "transition_snapshot", "ENOSPC")
+    assert sim_dir.call_errno("transition-snapshot", 0, volume.path(".zelko1"), 16) == errno.ENOSPC
+    assert sim_dir.device(0)["state"] == 2
+    assert not os.path.exists(volume.path(".zelko1"))
+    assert sim_dir.call_errno("transition-snapshot", 0, volume.path(".zelko1"), 16) == 0
+
+    sim_dir.zbdctl("fault", "transition_incremental", "EFBIG")
+    assert sim_dir.call_errno("transition-incremental", 0) == errno.EFBIG
+    assert sim_dir.call_errno("destroy", 0) == errno.EBUSY
+    sim_dir.zbdctl("fault", "destroy", "EBUSY", 5)
+    sim_dir.zbdctl("fault", "destroy", 0)  # clears
+    with open(os.path.join(sim_dir.path, "state")) as f:
+        assert not [line for line in f if line.startswith("fault ")]
+    assert sim_dir.call_errno("destroy", 0) == 0
+    assert sim_dir.info()["devices"] == []
+    assert "injected failure" in sim_dir.log()
+
+
+def test_too_many_writes_while_snapshotted(sim_dir, loop_volumes):
+    volume = loop_volumes("ext4", fill=False)
+    # 1 MiB holds the header and the 512 KiB map of a 256 MiB volume, and room for 127 blocks.
+    setup_snapshot(sim_dir, volume, mib=1)
+    with open(volume.path("burst.bin"), "wb") as f:
+        f.write(os.urandom(2 * MIB))
+    volume.sync()
+    assert sim_dir.call_errno("transition-incremental", 0) == errno.EFBIG
+    assert sim_dir.device(0)["error"] == -errno.EFBIG
+    assert sim_dir.device(0)["state"] == 3
+    assert sim_dir.call_errno("transition-incremental", 0) == errno.EFBIG
+    assert sim_dir.call_errno("destroy", 0) == 0
+
+    # Found by sync while the snapshot is being read: the snapshot device goes dead.
+    setup_snapshot(sim_dir, volume, cow=".zelko1", mib=1)
+    with open(volume.path("burst2.bin"), "wb") as f:
+        f.write(os.urandom(2 * MIB))
+    volume.sync()
+    assert "overflowed" in sim_dir.zbdctl("sync").stdout
+    assert sim_dir.device(0)["error"] == -errno.EFBIG
+    fd = os.open(sim_dir.device_path(0), os.O_RDONLY | os.O_DIRECT)
+    try:
+        assert os.lseek(fd, 0, os.SEEK_END) == 0
+    finally:
+        os.close(fd)
+
+
+def test_set_error_is_reported_and_fails_transitions(sim_dir, loop_volumes):
+    volume = loop_volumes("ext4", fill=False)
+    setup_snapshot(sim_dir, volume, mib=16)
+    sim_dir.zbdctl("set-error", 0, -27)
+    assert sim_dir.device(0)["error"] == -27
+    assert sim_dir.call_errno("transition-incremental", 0) == errno.EFBIG
+    sim_dir.zbdctl("set-error", 0, 0)
+    assert sim_dir.call_errno("transition-incremental", 0) == 0
+    sim_dir.zbdctl("set-error", 0, -5)
+    assert sim_dir.call_errno("transition-snapshot", 0, volume.path(".zelko1"), 16) == errno.EIO
+    assert sim_dir.zbdctl("set-error", 0, 5, check=False).returncode == 1
+    assert sim_dir.zbdctl("set-error", 9, -5, check=False).returncode == 1
+
+
+def test_reboot_and_reload_keep_tracking(sim_dir, loop_volumes):
+    volume = loop_volumes("ext4")
+    size = volume.size_mib * MIB
+    setup_snapshot(sim_dir, volume)
+    sim_dir.zbdctl("transition-incremental", 0)
+    written = set()
+
+    def write(name):
+        with open(volume.path(name), "wb") as f:
+            f.write(os.urandom(256 * 1024))
+        volume.sync()
+        written.update(device_blocks(volume.path(name)))
+
+    write("before-reboot.bin")
+    sim_dir.zbdctl("reboot")
+    assert sim_dir.device(0)["state"] == 0
+    assert sim_dir.call_errno("transition-snapshot", 0, volume.path(".zelko1"), COW_MIB) == errno.EINVAL
+    # The reload script names the volume by uuid; no udev links are needed.
+    out = sim_dir.zbdctl("reload-incremental", volume.by_uuid, volume.path(".zelko"), 0).stdout
+    assert "active incremental" in out
+    assert sim_dir.device(0) == {"minor": 0, "state": 2, "cow_file": volume.path(".zelko"),
+                                 "block_device": volume.by_uuid, "error": 0}
+    write("after-reload.bin")
+    sim_dir.zbdctl("transition-snapshot", 0, volume.path(".zelko1"), COW_MIB)
+    assert written <= read_map(volume.path(".zelko"), size)
+
+
+def test_reload_waits_for_an_unmounted_volume_and_loses_snapshots(sim_dir, loop_volumes):
+    tracked = loop_volumes("ext4", fill=False)
+    snapped = loop_volumes("xfs", fill=False)
+    setup_snapshot(sim_dir, tracked, minor=0, mib=16)
+    sim_dir.zbdctl("transition-incremental", 0)
+    setup_snapshot(sim_dir, snapped, minor=1, mib=16)
+    sim_dir.zbdctl("reboot")
+    assert [(d["minor"], d["state"]) for d in sim_dir.info()["devices"]] == [(0, 0), (1, 1)]
+    assert not os.path.exists(sim_dir.device_path(1))
+
+    tracked.unmount()
+    sim_dir.zbdctl("reload-incremental", tracked.device, tracked.path(".zelko"), 0)
+    assert sim_dir.device(0)["state"] == 4
+    sim_dir.zbdctl("sync")
+    assert sim_dir.device(0)["state"] == 4
+    tracked.mount()
+    sim_dir.zbdctl("sync")
+    assert sim_dir.device(0)["state"] == 2
+
+    assert sim_dir.call_errno("transition-incremental", 1) == errno.EINVAL
+    sim_dir.zbdctl("reload-snapshot", snapped.device, snapped.path(".zelko"), 1)
+    assert sim_dir.device(1)["state"] == 5
+    assert sim_dir.zbdctl("reload-incremental", snapped.device, snapped.path(".zelko"), 1,
+                          check=False).returncode == 1
+    assert sim_dir.call_errno("destroy", 1) == 0
+
+    # A tracker reloaded on a free minor takes a new baseline and keeps the COW file's map.
+    sim_dir.zbdctl("transition-snapshot", 0, tracked.path(".zelko1"), 16)
+    marked = read_map(tracked.path(".zelko"), tracked.size_mib * MIB)
+    assert sim_dir.call_errno("destroy", 0) == 0
+    sim_dir.zbdctl("reload-incremental", tracked.device, tracked.path(".zelko"), 7)
+    assert sim_dir.device(7)["state"] == 2
+    sim_dir.zbdctl("sync")
+    assert marked <= read_map(tracked.path(".zelko"), tracked.size_mib * MIB)
+
+
+def test_unload_load_and_version(sim_dir, loop_volumes):
+    volume = loop_volumes("ext4", fill=False)
+    setup_snapshot(sim_dir, volume, mib=16)
+    result = sim_dir.zbdctl("unload", check=False)
+    assert result.returncode == 1 and "destroy them first" in result.stderr
+    sim_dir.zbdctl("destroy", 0)
+    sim_dir.zbdctl("unload")
+    assert not os.path.exists(sim_dir.info_path)
+    assert sim_dir.call_errno("setup-snapshot", 0, volume.device, volume.path(".zelko"), 16) == errno.ENODEV
+    result = sim_dir.zbdctl("info", check=False)
+    assert result.returncode == 1 and "not loaded" in result.stderr
+    sim_dir.zbdctl("load")
+    sim_dir.zbdctl("version", "0.9.99")
+    assert sim_dir.info() == {"version": "0.9.99", "devices": []}
+
+
+def test_state_survives_the_processes_and_concurrent_callers_do_not_corrupt_it(sim_dir, loop_volumes):
+    a = loop_volumes("ext4", fill=False, size_mib=128)
+    b = loop_volumes("ext4", fill=False, size_mib=128)
+    zbdctl = zbdctl_path()
+
+    def start(*args):
+        return subprocess.Popen([zbdctl] + [str(x) for x in args], env=sim_dir.env(), stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, text=True)
+
+    # Two snapshots at once, on different minors: both made.
+    procs = [start("setup-snapshot", 0, a.device, a.path(".zelko"), 16),
+             start("setup-snapshot", 1, b.device, b.path(".zelko"), 16)]
+    assert [p.wait() for p in procs] == [0, 0], [p.stderr.read() for p in procs]
+    assert [(d["minor"], d["state"]) for d in sim_dir.info()["devices"]] == [(0, 3), (1, 3)]
+    # Two for the same minor: exactly one wins, the other sees the minor taken.
+    for minor in (0, 1):
+        sim_dir.zbdctl("destroy", minor)
+    procs = [start("setup-snapshot", 5, a.device, a.path(".zelko"), 16),
+             start("setup-snapshot", 5, b.device, b.path(".zelko"), 16)]
+    codes = sorted(p.wait() for p in procs)
+    errs = "".join(p.stderr.read() for p in procs)
+    assert codes == [0, 1] and f"(errno {errno.EEXIST}, " in errs
+    assert [d["minor"] for d in sim_dir.info()["devices"]] == [5]
+    # Many writers of the state at once leave it whole and consistent.
+    procs = [start("version", f"0.10.{i}") for i in range(12)] + \
+            [start("fault", "destroy", "EBUSY", i + 1) for i in range(12)]
+    assert all(p.wait() == 0 for p in procs)
+    version = sim_dir.info()["version"]
+    assert version.startswith("0.10.")
+    assert sim_dir.zbdctl("info").stdout.count('"minor"') == 1
+    sim_dir.zbdctl("fault", "destroy", 0)
+
+    # A caller killed while it waited for the lock changes nothing.
+    lock = os.open(os.path.join(sim_dir.path, "lock"), os.O_RDWR)
+    try:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        waiting = start("destroy", 5)
+        time.sleep(0.5)
+        assert waiting.poll() is None
+        waiting.kill()
+        waiting.wait()
+    finally:
+        fcntl.flock(lock, fcntl.LOCK_UN)
+        os.close(lock)
+    assert sim_dir.device(5)["state"] == 3
+    # A fresh process carries on from the state the others left.
+    sim_dir.zbdctl("transition-incremental", 5)
+    assert sim_dir.device(5)["state"] == 2
+
+
+def test_bad_input_gets_an_errno_and_a_readable_message(sim_dir, loop_volumes, tmp_path):
+    volume = loop_volumes("ext4", fill=False)
+    cow = volume.path(".zelko")
+
+    def fails(args, err, text, env=None):
+        result = sim_dir.zbdctl(*args, check=False, env=env)
+        assert result.returncode == 1, result
+        assert f"(errno {err}, " in result.stderr and text in result.stderr, result.stderr
+
+    fails(("setup-snapshot", 256, volume.device, cow, 16), errno.EINVAL, "minor 256 is above 255")
+    fails(("setup-snapshot", 0, str(tmp_path / "missing"), cow, 16), errno.ENOENT, "No such file")
+    regular = tmp_path / "regular"
+    regular.write_bytes(b"x" * 4096)
+    fails(("setup-snapshot", 0, str(regular), cow, 16), errno.EINVAL, "is not a block device")
+    fails(("setup-snapshot", 0, volume.device, str(tmp_path / ".zelko"), 16), errno.EINVAL, "is not on")
+    fails(("setup-snapshot", 0, volume.device, "relative/.zelko", 16), errno.EINVAL, "not an absolute")
+    fails(("transition-incremental", 3), errno.ENOENT, "no device has minor 3")
+    fails(("destroy", 3), errno.ENOENT, "no device has minor 3")
+
+    setup_snapshot(sim_dir, volume, mib=16)
+    fails(("setup-snapshot", 0, volume.device, cow, 16), errno.EEXIST, "minor 0 is in use")
+    fails(("setup-snapshot", 1, volume.device, volume.path(".other"), 16), errno.EBUSY, "already tracked by minor 0")
+    fails(("transition-snapshot", 0, volume.path(".zelko1"), 16), errno.EINVAL, "not an active incremental")
+    sim_dir.zbdctl("transition-incremental", 0)
+    fails(("transition-incremental", 0), errno.EINVAL, "not an active snapshot")
+    fails(("transition-snapshot", 0, cow, 16), errno.EINVAL, "must differ")
+    sim_dir.zbdctl("destroy", 0)
+
+    volume.unmount()
+    fails(("setup-snapshot", 0, volume.device, cow, 16), errno.EINVAL, "is not mounted")
+    volume.mount(read_only=True)
+    fails(("setup-snapshot", 0, volume.device, cow, 16), errno.EINVAL, "mounted read-only")
+    volume.unmount()
+    volume.mount()
+    # A simulator directory on the volume itself would freeze its own capture.
+    inside = volume.path("sim")
+    env = sim_dir.env(ZELKO_SIM_DIR=inside)
+    subprocess.run([zbdctl_path(), "load"], env=env, check=True, capture_output=True)
+    fails(("setup-snapshot", 0, volume.device, cow, 16), errno.EINVAL, "freezing it", env=env)
+
+    fails(("setup-snapshot", 0, volume.device, cow, 16), errno.ENODEV, "does not exist",
+          env=sim_dir.env(ZELKO_SIM_DIR=str(tmp_path / "nowhere")))
+    env = sim_dir.env()
+    del env["ZELKO_SIM_DIR"]
+    fails(("destroy", 0), errno.ENODEV, "ZELKO_SIM_DIR is not set", env=env)
+    result = sim_dir.zbdctl("info", check=False, env=sim_dir.env(ZELKO_SIM_DIR=str(tmp_path / "nowhere")))
+    assert result.returncode == 1 and "does not exist" in result.stderr
+
+    with open(os.path.join(sim_dir.path, "state"), "w") as f:
+        f.write("zelkosim-state 1\ndevice 0\n  state banana\n")
+    fails(("destroy", 0), errno.EUCLEAN, "malformed at line 3")
+    result = sim_dir.zbdctl("info", check=False)
+    assert result.returncode == 1 and "malformed" in result.stderr
+
+    for args in (("setup-snapshot", -1, volume.device, cow, 16), ("destroy", "x"), ("fault", "reboot", 5),
+                 ("fault", "destroy", "EWHAT"), ("frobnicate",), ("destroy",)):
+        result = sim_dir.zbdctl(*args, check=False)
+        assert result.returncode in (1, 2) and result.stderr.startswith("zbdctl: "), (args, result)
+    assert sim_dir.zbdctl("--help").stdout.startswith("usage: zbdctl")
+    assert subprocess.run([zbdctl_path()], capture_output=True).returncode == 2
+
+
+def test_volume_fixtures_leave_nothing_behind_when_tests_fail(tmp_path):
+    inner = tmp_path / "inner"
+    inner.mkdir()
+    record = tmp_path / "record"
+    (inner / "test_inner.py").write_text(textwrap.dedent(f"""
+        import os, subprocess
+        import pytest
+        from volumes import loop_volumes
+
+        def note(volume):
+            with open({str(record)!r}, "a") as f:
+                f.write(volume.image + " " + volume.mountpoint + "\\n")
+
+        @pytest.mark.parametrize("fs", ["ext4", "xfs", "ntfs"])
+        def test_fails_with_a_file_held_open(loop_volumes, fs):
+            volume = loop_volumes(fs, fill=False)
+            note(volume)
+            held = open(volume.path("held"), "w")
+            assert held is None
+
+        def test_fails_with_the_file_system_frozen(loop_volumes):
+            volume = loop_volumes("ext4", fill=False)
+            note(volume)
+            subprocess.run(["fsfreeze", "-f", volume.mountpoint], check=True)
+            raise RuntimeError("died while frozen")
+
+        def test_fails_while_making_a_volume(loop_volumes):
+            loop_volumes("xfs", size_mib=16)
+    """))
+    env = dict(os.environ, PYTHONPATH=os.path.dirname(os.path.abspath(__file__)))
+    result = subprocess.run([sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider",
+                             "--basetemp", str(tmp_path / "base"), str(inner)],
+                            capture_output=True, text=True, env=env, timeout=600)
+    assert result.returncode == 1, result.stdout
+    assert "5 failed" in result.stdout or "failed" in result.stdout, result.stdout
+    recorded = [line.split() for line in record.read_text().splitlines()]
+    assert len(recorded) == 4
+    base = str(tmp_path / "base")
+    with open("/proc/self/mountinfo") as f:
+        assert base not in f.read()
+    assert base not in subprocess.run(["losetup", "-a"], capture_output=True, text=True).stdout
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open(f"/proc/{pid}/cmdline", "rb") as f:
+                assert base.encode() not in f.read(), f"process {pid} still uses the test volumes"
+        except (FileNotFoundError, ProcessLookupError, PermissionError):
+            pass
+    for image, point in recorded:
+        assert not os.path.exists(image) and not os.path.exists(point)
+
+
+def test_shell_volume_helpers_make_and_remove_volumes(tmp_path):
+    script = os.path.join(SOURCE_DIR, "scripts", "lib", "volumes.sh")
+    work = tmp_path / "sh"
+    result = subprocess.run(["bash", "-c", f"""
+        set -u
+        source {script}
+        for fs in ext3 ntfs; do
+          vol_make $fs 64 {work} >/dev/null || exit 1
+          vol_fill "$VOL_MNT" 5 || exit 1
+          [ -f "$VOL_MNT/big.bin" ] && [ -n "$VOL_UUID" ] || exit 1
+          blkid -p -s TYPE -o value "$VOL_DEV"
+          vol_teardown "$VOL_IMAGE" "$VOL_MNT" "$VOL_DEV" || exit 1
+        done
+        vol_make xfs 16 {work} 2>/dev/null && exit 1
+        exit 0
+    """], capture_output=True, text=True, timeout=300)
+    assert result.returncode == 0, result.stdout + result.stderr
+    assert result.stdout.split() == ["ext3", "ntfs"]
+    assert str(work) not in subprocess.run(["losetup", "-a"], capture_output=True, text=True).stdout
+    assert os.listdir(work) == []
+
+
+def test_a_one_gib_volume_is_captured_and_scanned_in_seconds(sim_dir, loop_volumes):
+    volume = loop_volumes("ext4", size_mib=1024)
+    with open(volume.path("data.bin"), "wb") as f:
+        for _ in range(32):
+            f.write(os.urandom(8 * MIB))
+    volume.sync()
+    timings = {}
+    for step, args in (("capture", ("setup-snapshot", 0, volume.device, volume.path(".zelko"), 110)),
+                       ("scan", ("transition-incremental", 0)),
+                       ("scan+capture", ("transition-snapshot", 0, volume.path(".zelko1"), 110))):
+        start = time.monotonic()
+        sim_dir.zbdctl(*args)
+        timings[step] = time.monotonic() - start
+    print("1 GiB volume:", ", ".join(f"{k} {v:.2f} s" for k, v in timings.items()))
+    # Generous bounds: the machine's speed swings; this catches a pathological slowdown.
+    assert all(seconds < 60 for seconds in timings.values()), timings

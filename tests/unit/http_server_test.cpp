@@ -1,0 +1,140 @@
+#include "api/http_server.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "api/agent_api.h"
+#include "store/config_table.h"
+#include "store/database_maintainer.h"
+#include "store/log_table.h"
+
+namespace orv {
+namespace {
+
+// The start of the server up to the TLS setup, on an agent directory of its own: the
+// port configuration and the certificate files. Serving over TLS is exercised by the
+// system tests with certificates made per run.
+class HttpServerStart : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/orv-http-test-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+    const char* previous = getenv("ORVD_ETC_DIR");
+    hadPrevious_ = previous != nullptr;
+    if (hadPrevious_) previous_ = previous;
+    setenv("ORVD_ETC_DIR", dir_.c_str(), 1);
+    std::filesystem::create_directory(dir_ + "/certs");
+    DatabaseMaintainer maintainer;
+    ASSERT_TRUE(maintainer.initialise());
+    maintainer.close();
+  }
+  void TearDown() override {
+    if (hadPrevious_) {
+      setenv("ORVD_ETC_DIR", previous_.c_str(), 1);
+    } else {
+      unsetenv("ORVD_ETC_DIR");
+    }
+    std::filesystem::remove_all(dir_);
+  }
+
+  void Write(const std::string& name) { std::ofstream(dir_ + "/certs/" + name) << "-----BEGIN NOTHING-----\n"; }
+  static bool Logged(const std::string& message) {
+    std::vector<LogRow> rows;
+    list_logs(&rows, 0, 0, "", "");
+    return std::any_of(rows.begin(), rows.end(), [&](const LogRow& row) { return row.message == message; });
+  }
+  static std::string Config(const char* name) {
+    std::string value;
+    return get_config(name, &value) ? value : "<absent>";
+  }
+
+  std::string dir_;
+  AgentAPI api_{nullptr};
+
+ private:
+  std::string previous_;
+  bool hadPrevious_ = false;
+};
+
+TEST_F(HttpServerStart, AbsentPortIsNotWritten) {
+  HttpServer server(&api_);
+  EXPECT_FALSE(server.start());
+  EXPECT_TRUE(Logged("Port configuration not set - using default."));
+  EXPECT_EQ(Config("rest_port"), "<absent>");
+  EXPECT_EQ(server.port(), 25567);
+  EXPECT_FALSE(server.running());
+}
+
+TEST_F(HttpServerStart, InvalidPortsAreReplacedAndValidOnesTaken) {
+  for (const char* value : {"0", "65536", "abc", "", "-1", "4294967296"}) {
+    ASSERT_TRUE(set_config("rest_port", value));
+    HttpServer server(&api_);
+    EXPECT_FALSE(server.start());
+    EXPECT_EQ(Config("rest_port"), "25567") << value;
+    EXPECT_EQ(server.port(), 25567) << value;
+  }
+  EXPECT_TRUE(Logged("Invalid port configuration - using default."));
+  for (const char* value : {"1", "65535", "8443abc"}) {
+    ASSERT_TRUE(set_config("rest_port", value));
+    HttpServer server(&api_);
+    EXPECT_FALSE(server.start());
+    EXPECT_EQ(server.port(), static_cast<uint16_t>(strtol(value, nullptr, 10))) << value;
+    EXPECT_EQ(Config("rest_port"), value);
+    EXPECT_TRUE(Logged(std::string("Setting server port to configuration: ") + value));
+  }
+}
+
+TEST_F(HttpServerStart, EachMissingCertificateFileIsNamedWithTheEffectiveDirectory) {
+  HttpServer server(&api_);
+  EXPECT_FALSE(server.start());
+  EXPECT_TRUE(Logged("Could not start Zelko Linux Agent. Certificate key (server.key) not found in " + dir_ +
+                     "/certs.\n"));
+  Write("server.key");
+  EXPECT_FALSE(server.start());
+  EXPECT_TRUE(Logged("Could not start Zelko Linux Agent. PEM format certificate (server.pem) not found in " + dir_ +
+                     "/certs.\n"));
+  Write("server.pem");
+  EXPECT_FALSE(server.start());
+  EXPECT_TRUE(Logged("Could not start Zelko Linux Agent. Authority certificate (ca.crt) not found in " + dir_ +
+                     "/certs.\n"));
+  // All three present but unusable: the library refuses them.
+  Write("ca.crt");
+  EXPECT_FALSE(server.start());
+  EXPECT_FALSE(server.running());
+}
+
+TEST_F(HttpServerStart, FailedRestartOnAConfiguredPortGoesBackToTheDefault) {
+  ASSERT_TRUE(set_config("rest_port", "8443"));
+  HttpServer server(&api_);
+  server.restart(false);
+  EXPECT_EQ(Config("rest_port"), "25567");
+  EXPECT_FALSE(Logged("Could not restart api server. Trying again in 5 seconds..."));
+}
+
+TEST_F(HttpServerStart, StoppedServerIsNotRestarted) {
+  HttpServer server(&api_);
+  server.stop();
+  ASSERT_TRUE(set_config("rest_port", "8443"));
+  server.restart(true);
+  // Nothing was tried: the configuration is untouched and no retry was armed.
+  EXPECT_EQ(Config("rest_port"), "8443");
+  EXPECT_FALSE(Logged("Http server restart in 5 secs..."));
+}
+
+TEST_F(HttpServerStart, RestartTimerIsArmedAndDroppedWithTheServer) {
+  {
+    HttpServer server(&api_);
+    EXPECT_TRUE(server.scheduleRestart());
+  }
+  EXPECT_TRUE(Logged("Http server restart in 5 secs..."));
+}
+
+}  // namespace
+}  // namespace orv

@@ -1,0 +1,142 @@
+#include <gtest/gtest.h>
+#include <sys/sysmacros.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "change_map.h"
+#include "cow_header.h"
+#include "extent_list.h"
+#include "mount_table.h"
+#include "sim_error.h"
+#include "volume_scanner.h"
+
+using orv::zelkosim::ChangeMap;
+using orv::zelkosim::CowHeader;
+using orv::zelkosim::Extent;
+using orv::zelkosim::ExtentList;
+using orv::zelkosim::MountTable;
+using orv::zelkosim::SimError;
+using orv::zelkosim::VolumeScanner;
+
+TEST(ZelkosimMapTest, EntriesMarkChangedBlocksWithNonZeroWords) {
+  ChangeMap map(130);
+  map.mark(0);
+  map.mark(64);
+  map.mark(129);
+  EXPECT_EQ(map.count(), 3u);
+  std::string entries = map.encodeEntries();
+  ASSERT_EQ(entries.size(), 130u * 8);
+  uint64_t word = 0;
+  std::memcpy(&word, &entries[64 * 8], 8);
+  EXPECT_EQ(word, 1u);
+  std::memcpy(&word, &entries[63 * 8], 8);
+  EXPECT_EQ(word, 0u);
+  EXPECT_EQ(ChangeMap::DecodeEntries(entries, 130).markedBlocks(), (std::vector<uint64_t>{0, 64, 129}));
+  EXPECT_THROW(map.mark(130), std::out_of_range);
+  EXPECT_FALSE(map.marked(130));
+}
+
+TEST(ZelkosimMapTest, DecodeTakesAnyNonZeroEntryAndTreatsMissingAsUnchanged) {
+  std::string entries(5 * 8, '\0');
+  entries[2 * 8 + 7] = '\x80';  // a driver may store a COW location, not just 1
+  ChangeMap map = ChangeMap::DecodeEntries(entries, 10);
+  EXPECT_EQ(map.markedBlocks(), std::vector<uint64_t>{2});
+  EXPECT_EQ(map.blocks(), 10u);
+}
+
+TEST(ZelkosimMapTest, MergeIsBitwiseOr) {
+  ChangeMap a(70), b(70);
+  a.mark(1);
+  b.mark(1);
+  b.mark(69);
+  a.merge(b);
+  EXPECT_EQ(a.markedBlocks(), (std::vector<uint64_t>{1, 69}));
+  EXPECT_THROW(a.merge(ChangeMap(71)), std::invalid_argument);
+}
+
+TEST(ZelkosimMapTest, CowLayoutSizes) {
+  // 1 GiB: 262144 blocks, a 2 MiB map after the 4 KiB header.
+  EXPECT_EQ(CowHeader::BlocksFor(1ull << 30), 262144u);
+  EXPECT_EQ(CowHeader::BlocksFor((1ull << 30) + 512), 262145u);
+  EXPECT_EQ(CowHeader::RegionBytes(1ull << 30), 4096u + (2u << 20));
+  EXPECT_EQ(CowHeader::RegionBytes(4096 * 3), 8192u);  // 4096 + 24 bytes, rounded to a block
+  EXPECT_EQ(CowHeader::MinimumMib(1ull << 30), 3u);
+  EXPECT_EQ(CowHeader::CapacityBlocks(10 << 20, 1ull << 30), ((10u << 20) - 4096 - (2u << 20)) / 4096);
+  EXPECT_EQ(CowHeader::CapacityBlocks(1 << 20, 1ull << 30), 0u);
+}
+
+TEST(ZelkosimMapTest, HeaderRoundTripsAndRejectsForeignFiles) {
+  CowHeader header;
+  header.use = CowHeader::kRetired;
+  header.minor = 9;
+  header.volume_bytes = 300 << 20;
+  header.file_bytes = 40 << 20;
+  header.changed_blocks = 77;
+  std::string bytes = header.encode();
+  ASSERT_EQ(bytes.size(), 4096u);
+  CowHeader decoded = CowHeader::Decode(bytes);
+  EXPECT_EQ(decoded.use, CowHeader::kRetired);
+  EXPECT_EQ(decoded.minor, 9u);
+  EXPECT_EQ(decoded.volume_bytes, 300u << 20);
+  EXPECT_EQ(decoded.changed_blocks, 77u);
+
+  auto errnoOf = [](const std::string& text) {
+    try {
+      CowHeader::Decode(text);
+    } catch (const SimError& e) {
+      return e.err();
+    }
+    return 0;
+  };
+  EXPECT_EQ(errnoOf(bytes.substr(0, 100)), EINVAL);
+  std::string foreign = bytes;
+  foreign[0] = 'X';
+  EXPECT_EQ(errnoOf(foreign), EINVAL);
+  std::string inconsistent = bytes;
+  inconsistent[32] ^= 1;  // block count no longer matches the volume size
+  EXPECT_EQ(errnoOf(inconsistent), EINVAL);
+}
+
+TEST(ZelkosimMapTest, OnlyWhollyCoveredBlocksAreExcluded) {
+  ChangeMap blocks(16);
+  // Bytes 1024..13311 on the device: block 0 and block 3 only partly, blocks 1 and 2 wholly.
+  ExtentList({Extent{0, 1024, 12288}, Extent{12288, 40960, 4096}, Extent{16384, 61440, 8192}})
+      .markCoveredBlocks(blocks);
+  EXPECT_EQ(blocks.markedBlocks(), (std::vector<uint64_t>{1, 2, 10, 15}));
+}
+
+TEST(ZelkosimMapTest, MountInfoFindsTheVolumeAndItsMode) {
+  const std::string text =
+      "22 1 254:0 / / rw,relatime shared:1 - ext4 /dev/vda rw\n"
+      "41 26 7:3 / /tmp/with\\040space rw,relatime - fuseblk /dev/loop3 rw,user_id=0,blksize=4096\n"
+      "42 26 7:4 /sub /tmp/bind rw - ext4 /dev/loop4 rw\n"
+      "43 26 7:4 / /tmp/ro ro,relatime - ext4 /dev/loop4 ro\n"
+      "44 26 7:4 / /tmp/main rw,relatime - ext4 /dev/loop4 rw\n"
+      "45 26 0:52 / /tmp/btrfs rw - btrfs /dev/loop5 rw\n"
+      "garbage line\n";
+  MountTable table = MountTable::Parse(text);
+  ASSERT_EQ(table.entries().size(), 6u);
+  const auto* fuse = table.findDevice(makedev(7, 3), nullptr);
+  ASSERT_NE(fuse, nullptr);
+  EXPECT_EQ(fuse->mount_point, "/tmp/with space");
+  EXPECT_TRUE(fuse->readWrite());
+  const auto* ext = table.findDevice(makedev(7, 4), nullptr);
+  ASSERT_NE(ext, nullptr);
+  EXPECT_EQ(ext->mount_point, "/tmp/main");  // read-write, whole file system
+  EXPECT_FALSE(table.entries()[3].readWrite());
+  EXPECT_EQ(table.findDevice(makedev(7, 9), nullptr), nullptr);
+  // A file system with an anonymous device number is found by its source.
+  auto loop5 = [](const std::string& source) -> dev_t { return source == "/dev/loop5" ? makedev(7, 5) : 0; };
+  const auto* btrfs = table.findDevice(makedev(7, 5), loop5);
+  ASSERT_NE(btrfs, nullptr);
+  EXPECT_EQ(btrfs->fs_type, "btrfs");
+}
+
+TEST(ZelkosimMapTest, ZeroDetection) {
+  std::string data(3 * 4096 + 100, '\0');
+  EXPECT_TRUE(VolumeScanner::IsZero(data.data(), data.size()));
+  data[3 * 4096 + 99] = 1;
+  EXPECT_FALSE(VolumeScanner::IsZero(data.data(), data.size()));
+  EXPECT_TRUE(VolumeScanner::IsZero(data.data(), 3 * 4096));
+}

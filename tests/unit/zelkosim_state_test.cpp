@@ -1,0 +1,130 @@
+#include <gtest/gtest.h>
+#include <sys/sysmacros.h>
+
+#include <cerrno>
+
+#include "sim_error.h"
+#include "sim_state.h"
+#include "status_document.h"
+
+using orv::zelkosim::EscapeValue;
+using orv::zelkosim::SimDevice;
+using orv::zelkosim::SimError;
+using orv::zelkosim::SimFault;
+using orv::zelkosim::SimState;
+using orv::zelkosim::StatusDocument;
+using orv::zelkosim::UnescapeValue;
+
+namespace {
+
+SimState TwoDevices() {
+  SimState state;
+  state.version = "0.10.3-7";
+  SimDevice snap;
+  snap.minor = 4;
+  snap.state = 3;
+  snap.block_device = "/dev/loop7";
+  snap.rdev = makedev(7, 7);
+  snap.cow_file = "/mnt/odd path\\with\nnewline/.zelko";
+  snap.cow_mib = 26;
+  snap.volume_bytes = 268435456;
+  SimDevice inc = snap;
+  inc.minor = 0;
+  inc.state = 2;
+  inc.error = -27;
+  inc.block_device = "/dev/disk/by-uuid/1234-abcd";
+  inc.rdev = makedev(259, 3);
+  state.devices[4] = snap;
+  state.devices[0] = inc;
+  state.faults["destroy"] = SimFault{16, 3};
+  return state;
+}
+
+int ParseErrno(const std::string& text, std::string* message = nullptr) {
+  try {
+    SimState::Parse(text);
+  } catch (const SimError& e) {
+    if (message) *message = e.what();
+    return e.err();
+  }
+  return 0;
+}
+
+}  // namespace
+
+TEST(ZelkosimStateTest, FormatThenParseKeepsEverything) {
+  SimState original = TwoDevices();
+  SimState parsed = SimState::Parse(original.Format());
+  EXPECT_EQ(parsed.version, "0.10.3-7");
+  EXPECT_TRUE(parsed.loaded);
+  ASSERT_EQ(parsed.devices.size(), 2u);
+  const SimDevice& snap = parsed.devices.at(4);
+  EXPECT_EQ(snap.cow_file, original.devices[4].cow_file);
+  EXPECT_EQ(snap.rdev, makedev(7, 7));
+  EXPECT_EQ(snap.volume_bytes, 268435456u);
+  EXPECT_EQ(parsed.devices.at(0).error, -27);
+  EXPECT_EQ(parsed.devices.at(0).block_device, "/dev/disk/by-uuid/1234-abcd");
+  EXPECT_EQ(parsed.faults.at("destroy").err, 16);
+  EXPECT_EQ(parsed.faults.at("destroy").count, 3u);
+  EXPECT_EQ(parsed.Format(), original.Format());
+  ASSERT_NE(parsed.findTracking(makedev(259, 3)), nullptr);
+  EXPECT_EQ(parsed.findTracking(makedev(259, 3))->minor, 0u);
+  EXPECT_EQ(parsed.findTracking(0), nullptr);
+}
+
+TEST(ZelkosimStateTest, UnloadedStateRoundTrips) {
+  SimState state;
+  state.loaded = false;
+  EXPECT_FALSE(SimState::Parse(state.Format()).loaded);
+}
+
+TEST(ZelkosimStateTest, MalformedFilesAreRefusedWithTheLine) {
+  std::string message;
+  EXPECT_EQ(ParseErrno("", &message), EUCLEAN);
+  EXPECT_NE(message.find("line 1"), std::string::npos);
+  EXPECT_EQ(ParseErrno("{\"version\": \"0.10.0\"}\n"), EUCLEAN);
+  const std::string head = "zelkosim-state 1\nversion 0.10.0\n";
+  EXPECT_EQ(ParseErrno(head + "device 1\n  state x\n", &message), EUCLEAN);
+  EXPECT_NE(message.find("line 4"), std::string::npos);
+  EXPECT_EQ(ParseErrno(head + "device 256\n  state 3\n"), EUCLEAN);
+  EXPECT_EQ(ParseErrno(head + "device 1\n  state 3\ndevice 1\n  state 2\n"), EUCLEAN);
+  EXPECT_EQ(ParseErrno(head + "device 1\n  error 0\n"), EUCLEAN);  // no state
+  EXPECT_EQ(ParseErrno(head + "  state 3\n"), EUCLEAN);             // field outside a device
+  EXPECT_EQ(ParseErrno(head + "device 1\n  state 3\n  state 2\n"), EUCLEAN);
+  EXPECT_EQ(ParseErrno(head + "device 1\n  state 9\n"), EUCLEAN);
+  EXPECT_EQ(ParseErrno(head + "device 1\n  state 3\n  colour red\n"), EUCLEAN);
+  EXPECT_EQ(ParseErrno(head + "device 1\n  state 3\n  rdev 7\n"), EUCLEAN);
+  EXPECT_EQ(ParseErrno(head + "device 1\n  state 3\n  cow_file /a\\q\n"), EUCLEAN);
+  EXPECT_EQ(ParseErrno(head + "fault reboot 16 1\n"), EUCLEAN);
+  EXPECT_EQ(ParseErrno(head + "fault destroy 16\n"), EUCLEAN);
+  EXPECT_EQ(ParseErrno(head + "loaded yes\n"), EUCLEAN);
+  EXPECT_EQ(ParseErrno(head + "device 1\n  state 3\n  cow_mib -5\n"), EUCLEAN);
+  EXPECT_EQ(ParseErrno(head + "device 1\n  state 3\n  cow_mib 99999999999999999999999\n"), EUCLEAN);
+  EXPECT_EQ(ParseErrno(head + "device 1\n  state 3\n"), 0);
+}
+
+TEST(ZelkosimStateTest, EscapingIsReversible) {
+  std::string value;
+  for (const std::string& text : {std::string(""), std::string("plain"), std::string("a\\b\nc\\n"), std::string("\\")}) {
+    ASSERT_TRUE(UnescapeValue(EscapeValue(text), value));
+    EXPECT_EQ(value, text);
+    EXPECT_EQ(EscapeValue(text).find('\n'), std::string::npos);
+  }
+  EXPECT_FALSE(UnescapeValue("dangling\\", value));
+  EXPECT_FALSE(UnescapeValue("\\t", value));
+}
+
+TEST(ZelkosimStateTest, StatusDocumentListsDevicesByMinor) {
+  SimState state = TwoDevices();
+  std::string doc = StatusDocument::Render(state);
+  EXPECT_NE(doc.find("\"version\": \"0.10.3-7\""), std::string::npos);
+  size_t first = doc.find("\"minor\": 0, \"state\": 2");
+  size_t second = doc.find("\"minor\": 4, \"state\": 3");
+  ASSERT_NE(first, std::string::npos);
+  ASSERT_NE(second, std::string::npos);
+  EXPECT_LT(first, second);
+  EXPECT_NE(doc.find("\"error\": -27"), std::string::npos);
+  EXPECT_NE(doc.find("\"cow_file\": \"/mnt/odd path\\\\with\\nnewline/.zelko\""), std::string::npos);
+  EXPECT_EQ(StatusDocument::Render(SimState()), "{\n  \"version\": \"0.10.0-1\",\n  \"devices\": []\n}\n");
+  EXPECT_EQ(StatusDocument::Quote(std::string("a\"\x01", 3)), "\"a\\\"\\u0001\"");
+}
