@@ -3,14 +3,21 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <stdexcept>
 
+#include "api/backup_cancel.h"
+#include "api/backup_start.h"
+#include "api/basic_host.h"
 #include "api/config_get.h"
 #include "api/config_set.h"
 #include "api/get_logs.h"
+#include "api/host.h"
 #include "api/http_server.h"
 #include "api/json_value.h"
 #include "api/pair.h"
+#include "backup/backup.h"
+#include "backup/backup_manager.h"
 #include "daemon/logger.h"
 #include "store/config_table.h"
 
@@ -128,11 +135,32 @@ int AgentAPI::route(uint32_t deviceId, const std::string& method, const std::str
       if (status == 200 && server_ != nullptr) server_->scheduleRestart();
       return status;
     }
-    default:
-      // The host inventory and the backup routes keep their place in the table and are
-      // answered as bad requests until their handlers are part of the agent.
-      return badRequest(contentType, response);
+    case Route::kBasicHost:
+      enter();
+      return basicHost(response);
+    case Route::kHost:
+      enter();
+      return host(response);
+    case Route::kBackupStart:
+      if (manager_ == nullptr) break;
+      enter();
+      return backupStart(body, response);
+    case Route::kBackupStatusAll:
+      if (manager_ == nullptr) break;
+      enter();
+      return backupStatus("", true, response);
+    case Route::kBackupStatus:
+      if (manager_ == nullptr) break;
+      enter();
+      return backupStatus(url.substr(strlen("/backup/")), false, response);
+    case Route::kBackupCancel:
+      if (manager_ == nullptr) break;
+      enter();
+      return backupCancel(url.substr(strlen("/backup/")), response);
+    case Route::kBadRequest:
+      break;
   }
+  return badRequest(contentType, response);
 }
 
 int AgentAPI::badRequest(std::string* contentType, std::string* response) {
@@ -196,6 +224,125 @@ int AgentAPI::setConfig(const std::string& body) {
     return 200;
   } catch (const std::exception& e) {
     LogEvent(kError, "", "Set configs handler exception: %s", e.what());
+    return 500;
+  }
+}
+
+}  // namespace orv
+
+namespace orv {
+
+int AgentAPI::basicHost(std::string* response) {
+  try {
+    LogEvent(kInfo, "", "Basic host request.");
+    *response = BasicHost::Build().WriteFormatted();
+    return 200;
+  } catch (const std::exception& e) {
+    LogEvent(kError, "", "Basic host handler exception: %s", e.what());
+    return 500;
+  }
+}
+
+int AgentAPI::host(std::string* response) {
+  try {
+    LogEvent(kInfo, "", "Host request.");
+    *response = Host::Build().WriteFormatted();
+    return 200;
+  } catch (const std::exception& e) {
+    LogEvent(kError, "", "Host handler exception: %s", e.what());
+    return 500;
+  }
+}
+
+int AgentAPI::backupStart(const std::string& body, std::string* response) {
+  try {
+    LogEvent(kInfo, "", "Backup request.");
+    if (!CheckJsonBody(body)) return 400;
+    BackupStart request;
+    try {
+      request.parse(body);
+    } catch (const std::exception& e) {
+      LogEvent(kWarning, "", "Invalid JSON: %s", body.c_str());
+      return 400;
+    }
+    size_t count = 0;
+    if (!BackupManager::threadCount(count)) {
+      *response = "Internal server error.";
+      return 500;
+    }
+    if (count != 0) {
+      *response = "A backup is currently in progress.";
+      return 400;
+    }
+    for (const VolumeRequest& volume : request.volumes) {
+      LogEvent(kInfo, "", "Adding volume to backup:");
+      LogEvent(kInfo, "", "\tUUID: %s", volume.guid.c_str());
+      LogEvent(kInfo, "", "\tQNAME: %s", volume.qualifiedName.c_str());
+      LogEvent(kInfo, "", "\tTARGET: %s", volume.target.c_str());
+      LogEvent(kInfo, "", "\tLUN: %d", volume.lun);
+    }
+    Backup* backup = manager_->createBackup(request.forceCopyFull, request.forceDiffMerge);
+    for (const VolumeRequest& volume : request.volumes) backup->addVolume(volume);
+    if (!backup->start()) {
+      backup->status().setAllFailed();
+      *response = "Internal server error.";
+      return 500;
+    }
+    // The appliance polls the job by this id.
+    *response = backup->id();
+    return 201;
+  } catch (const std::exception& e) {
+    LogEvent(kError, "", "Backup handler exception: %s", e.what());
+    return 500;
+  }
+}
+
+int AgentAPI::backupStatus(const std::string& id, bool all, std::string* response) {
+  try {
+    if (all) {
+      LogEvent(kInfo, "", "Backup status request. All.");
+      std::unique_ptr<BackupIdLists> lists = manager_->allBackupStatus();
+      JsonValue document = JsonValue::Object();
+      JsonValue backups = JsonValue::Array();
+      auto addList = [&](const char* name, const std::vector<std::string>& ids) {
+        JsonValue list = JsonValue::Array();
+        for (const std::string& backupId : ids) {
+          list.push(JsonValue::String(backupId));
+          JsonValue status;
+          if (manager_->getBackupStatus(backupId, status)) {
+            JsonValue entry = JsonValue::Object();
+            entry.add("backupId", JsonValue::String(backupId));
+            for (const JsonValue& member : status.children()) entry.add(member.name(), member);
+            backups.push(entry);
+          }
+        }
+        document.add(name, list);
+      };
+      addList("active", lists->active);
+      addList("failed", lists->failed);
+      addList("finished", lists->finished);
+      document.add("backups", backups);
+      *response = document.WriteFormatted();
+      return 200;
+    }
+    LogEvent(kInfo, "", "Backup status request. Backup %s", id.c_str());
+    JsonValue status;
+    if (!manager_->getBackupStatus(id, status)) throw std::runtime_error("Could not retrieve backup status.");
+    *response = status.WriteFormatted();
+    return 200;
+  } catch (const std::exception& e) {
+    LogEvent(kError, "", "Backup status handler exception: %s\n", e.what());
+    return 500;
+  }
+}
+
+int AgentAPI::backupCancel(const std::string& id, std::string* response) {
+  try {
+    LogEvent(kInfo, "", "Backup cancel request. Backup id %s.", id.c_str());
+    *response = BackupCancel(manager_->cancelBackup(id)).render().WriteFormatted();
+    return 200;
+  } catch (const std::exception& e) {
+    LogEvent(kError, "", "Backup cancel handler exception: %s", e.what());
     return 500;
   }
 }

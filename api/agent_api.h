@@ -45,8 +45,8 @@ class AgentAPI {
     Route route;
   };
 
-  // `manager` runs the backups; the backup routes are answered as bad requests while
-  // there is none.
+  // `manager` runs the backups; without one (unit tests of the router) the backup
+  // routes are answered as bad requests.
   explicit AgentAPI(BackupManager* manager);
   virtual ~AgentAPI() = default;
   AgentAPI(const AgentAPI&) = delete;
@@ -78,6 +78,11 @@ class AgentAPI {
   int getLogs(const std::map<std::string, std::string>& args, std::string* response);
   int getConfig(std::string* response);
   int setConfig(const std::string& body);
+  int basicHost(std::string* response);
+  int host(std::string* response);
+  int backupStart(const std::string& body, std::string* response);
+  int backupStatus(const std::string& id, bool all, std::string* response);
+  int backupCancel(const std::string& id, std::string* response);
 
   BackupManager* manager_;
   HttpServer* server_ = nullptr;

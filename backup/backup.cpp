@@ -161,7 +161,8 @@ void Backup::runSteps() {
       } else {
         status_.setVolumeStatus(volume->uuid(), "failed");
         LogEvent(kError, id_, "Backup of volume %s failed.", volume->uuid().c_str());
-        failed = true;
+        // A copy stopped by a cancel ends the job as cancelled, not as a failure.
+        failed = !isCancelled();
         break;
       }
     }

@@ -21,6 +21,8 @@ uint64_t ThreadKey(pthread_t thread) { return static_cast<uint64_t>(thread); }
 
 }  // namespace
 
+BackupManager::BackupManager() = default;
+
 BackupManager::~BackupManager() {
   for (auto& [id, backup] : backups_) {
     LogEvent(kDebug, "", "Deleting backup: %s", id.c_str());

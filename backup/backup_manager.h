@@ -30,7 +30,7 @@ class BackupManager {
  public:
   static constexpr size_t kKeptBackups = 5;
 
-  BackupManager() = default;
+  BackupManager();
   virtual ~BackupManager();
   BackupManager(const BackupManager&) = delete;
   BackupManager& operator=(const BackupManager&) = delete;

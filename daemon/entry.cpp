@@ -16,6 +16,7 @@
 
 #include "api/agent_api.h"
 #include "api/http_server.h"
+#include "backup/backup_manager.h"
 #include "daemon/file_util.h"
 #include "daemon/flock.h"
 #include "daemon/logger.h"
@@ -195,11 +196,8 @@ bool StartupChecks() {
 }
 
 int RunServer(SignalWaiter& waiter) {
-  // The backup manager joins the router when backups are part of the agent; until then
-  // the router answers the backup routes as bad requests and there is nothing to cancel
-  // or wait for at shutdown.
-  BackupManager* manager = nullptr;
-  auto api = std::make_unique<AgentAPI>(manager);
+  auto manager = std::make_unique<BackupManager>();
+  auto api = std::make_unique<AgentAPI>(manager.get());
   auto server = std::make_unique<HttpServer>(api.get());
   if (!server->start()) {
     LogSyslog(kError, "Could not initialize HTTP server.");
@@ -210,8 +208,13 @@ int RunServer(SignalWaiter& waiter) {
   waiter.wait();
   LogEvent(kInfo, "", "Shutting down");
   server->stop();
+  manager->cancelAll();
+  // A cancelled job still takes its volumes out of snapshot mode before its thread
+  // ends; the objects it uses must outlive it.
+  manager->waitForAllThreads();
   server.reset();
   api.reset();
+  manager.reset();
   return 0;
 }
 

@@ -1,0 +1,106 @@
+"""An agent wired to the driver simulator and a tgtd target, paired with an appliance
+client, for end-to-end backups."""
+import os
+import time
+
+from agent import wait_for
+from volumes import mount_image_readonly, verify_content, zbdctl_path
+
+TERMINAL = ("finished", "failed")
+
+
+class BackupRig:
+    def __init__(self, agent, sim, tgtd, client_files, authority, tmp_path):
+        self.agent = agent
+        self.sim = sim
+        self.tgtd = tgtd
+        self.tmp_path = tmp_path
+        self.luns = {}  # volume uuid -> (tid, iqn, lun path)
+        agent.env.update(sim.env(ORVD_ZBDCTL=zbdctl_path()))
+        tgtd.start()
+        agent.serve()
+        self.client = agent.client(client_files(authority, 42))
+        assert self.client.pair(42).status == 201
+
+    def add_target(self, volume, size=None, lun=1):
+        """A target with one LUN large enough for the volume; returns the LUN's file."""
+        tid = len(self.luns) + 1
+        iqn = "iqn.2026-11.org.orvd.test:vol%d" % tid
+        self.tgtd.add_target(tid, iqn)
+        path = self.tgtd.add_lun(tid, lun, size or volume.size_mib * 1024 * 1024)
+        self.luns[volume.uuid] = (tid, iqn, path, lun)
+        return path
+
+    def volume_request(self, volume, offset=0, **extra):
+        tid, iqn, path, lun = self.luns[volume.uuid]
+        request = {"guid": volume.uuid, "offset": offset, "qualifiedName": iqn, "target": self.tgtd.portal,
+                   "lun": lun}
+        request.update(extra)
+        return request
+
+    def start(self, volumes, expect=201, **flags):
+        body = {"volumes": [v if isinstance(v, dict) else self.volume_request(v) for v in volumes]}
+        body.update(flags)
+        response = self.client.request("POST", "/backup", body=body)
+        assert response.status == expect, (response.status, response.text)
+        return response.text
+
+    def status(self, backup_id):
+        response = self.client.backup_status(backup_id)
+        assert response.status == 200, (response.status, response.text)
+        return response.json()
+
+    def wait(self, backup_id, timeout=300):
+        return wait_for(lambda: (lambda s: s if s["status"] in TERMINAL else None)(self.status(backup_id)),
+                        timeout=timeout, interval=0.25, what="backup %s to end" % backup_id)
+
+    def backup(self, volumes, **flags):
+        """Runs one backup to its end; returns its final status document."""
+        return self.wait(self.start(volumes, **flags))
+
+    def verify_image(self, volume, offset=0):
+        """Mounts the image on the LUN read-only and compares it with the volume's files."""
+        path = self.luns[volume.uuid][2]
+        image = path
+        if offset:
+            image = str(self.tmp_path / ("slice-%s.img" % volume.uuid))
+            with open(path, "rb") as source, open(image, "wb") as target:
+                source.seek(offset)
+                remaining = volume.size_mib * 1024 * 1024
+                while remaining:
+                    chunk = source.read(min(remaining, 8 << 20))
+                    if not chunk:
+                        break
+                    target.write(chunk)
+                    remaining -= len(chunk)
+        point = str(self.tmp_path / ("check-%s" % volume.uuid))
+        os.makedirs(point, exist_ok=True)
+        with mount_image_readonly(image, volume.fs_type, point):
+            return verify_content(point, volume.manifest)
+
+    def history(self, command=None, backup_id=None):
+        sql = "SELECT backup_id, device, command, result, result_detail, error, image_chksum FROM history WHERE 1=1"
+        params = []
+        if command:
+            sql += " AND command = ?"
+            params.append(command)
+        if backup_id:
+            sql += " AND backup_id = ?"
+            params.append(backup_id)
+        return self.agent.query(sql + " ORDER BY id", params)
+
+    def driver_states(self):
+        return {d["block_device"]: d["state"] for d in self.sim.info()["devices"]}
+
+
+def written_bytes(path):
+    return os.path.getsize(path)
+
+
+def wait_until(predicate, timeout=60):
+    deadline = time.time() + timeout
+    while time.time() < deadline:
+        if predicate():
+            return True
+        time.sleep(0.1)
+    return False
