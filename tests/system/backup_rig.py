@@ -1,6 +1,7 @@
 """An agent wired to the driver simulator and a tgtd target, paired with an appliance
 client, for end-to-end backups."""
 import os
+import subprocess
 import time
 
 from agent import wait_for
@@ -73,6 +74,10 @@ class BackupRig:
                         break
                     target.write(chunk)
                     remaining -= len(chunk)
+        if volume.fs_type.startswith("ext"):
+            # The image is a consistent file system, not just files that read back.
+            check = subprocess.run(["e2fsck", "-fn", image], capture_output=True, text=True)
+            assert check.returncode == 0, check.stdout + check.stderr
         point = str(self.tmp_path / ("check-%s" % volume.uuid))
         os.makedirs(point, exist_ok=True)
         with mount_image_readonly(image, volume.fs_type, point):
