@@ -180,6 +180,10 @@ bool Backup::quiesceSnapshotUnquiesce() {
     return false;
   }
   for (auto& volume : volumes_) {
+    if (!volume) {
+      LogEvent(kError, id_, "Can't find backup volume.");
+      return false;
+    }
     if (!volume->resolveDevice()) return false;
   }
   for (auto& volume : volumes_) {
@@ -190,7 +194,7 @@ bool Backup::quiesceSnapshotUnquiesce() {
   }
   for (auto& volume : volumes_) {
     LogEvent(kInfo, id_, "Making snapshot for volume %s", volume->uuid().c_str());
-    if (!volume->SnapshotBackup()) {
+    if (!volume->SnapshotBackup(&driverInfo_)) {
       LogEvent(kError, id_, "SnapshotBackup of volume %s failed.", volume->uuid().c_str());
       LogEvent(kError, id_, "Can't snapshot all backup volumes. Ending backup.");
       // Applications are released before the clean-up: they must not wait on it.
@@ -257,15 +261,11 @@ void Backup::snapcleaner() {
     if (!inSnapshot) continue;
     IncrementalHistory history(volume->mountPoint(), volume->uuid(), id_);
     if (volume->priorState() == 2 && history.incrementalOk()) {
-      LogEvent(kInfo, id_,
-               "snapcleaner found a volume in snapshot mode that came from incremental mode. Moving to incremental, "
-               "minor: %d, device: %s",
+      LogEvent(kInfo, id_, "snapcleaner found a volume in snapshot mode that came from incremental mode. Moving to incremental, minor: %d, device: %s",
                volume->minor(), volume->blockDevice().c_str());
       volume->MoveSnapshotToIncremental();
     } else {
-      LogEvent(kInfo, id_,
-               "snapcleaner found a volume in snapshot mode. No history of incremental, destroying device, minor: %d, "
-               "device: %s",
+      LogEvent(kInfo, id_, "snapcleaner found a volume in snapshot mode. No history of incremental, destroying device, minor: %d, device: %s",
                volume->minor(), volume->blockDevice().c_str());
       if (volume->DestroyDriverDevice()) volume->DeleteNewCowFile();
     }

@@ -150,6 +150,10 @@ bool BackupManager::threadCount(size_t& count) {
 
 void* BackupManager::RunThread(void* argument) {
   Backup* backup = static_cast<Backup*>(argument);
+  if (backup == nullptr) {
+    LogEvent(kError, "", "Invalid backup pointer.");
+    pthread_exit(nullptr);
+  }
   try {
     backup->run();
   } catch (const std::exception& e) {

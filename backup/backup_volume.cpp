@@ -175,8 +175,12 @@ bool BackupVolume::ReloadDriverInfo() {
 // ---------------------------------------------------------------------------------
 // Driver operations
 
-bool BackupVolume::SnapshotBackup() {
+bool BackupVolume::SnapshotBackup(DriverInfo* driverInfo) {
   LogEvent(kInfo, backupId_, "SnapshotBackup for %s", request_.guid.c_str());
+  if (driverInfo == nullptr || driverInfo != &driverInfo_) {
+    LogEvent(kError, backupId_, "Invalid driver info argument.");
+    return false;
+  }
   minor_ = driverInfo_.minorFor(blockDevice_, request_.guid);
   state_ = driverInfo_.stateFor(blockDevice_, request_.guid);
   int error = driverInfo_.errorFor(blockDevice_, request_.guid);

@@ -41,7 +41,7 @@ class BackupVolume {
   bool runPostScripts();
 
   // Makes the volume's snapshot from whatever the driver holds for it.
-  bool SnapshotBackup();
+  bool SnapshotBackup(DriverInfo* driverInfo);
   // Picks the copy path and copies; leaves the volume tracked incrementally on success.
   bool CopyVolume(bool forceCopyFull, bool forceDiffMerge, bool priorBackup);
 

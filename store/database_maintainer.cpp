@@ -17,13 +17,9 @@ const char* kCreateDevice = "CREATE TABLE device ( id INTEGER NOT NULL );";
 const char* kCreateConfig =
     "CREATE TABLE config (id INTEGER PRIMARY KEY AUTOINCREMENT NOT NULL, name TEXT NOT NULL, value TEXT NULL );";
 const char* kCreateLogs =
-    "CREATE TABLE logs (id INTEGER PRIMARY KEY AUTOINCREMENT NOT NULL, backup_id TEXT NULL, level INTEGER NOT NULL, "
-    "message TEXT NOT NULL, datetm TEXT NOT NULL DEFAULT ( datetime( 'now', 'localtime' ) ) );";
+    "CREATE TABLE logs (id INTEGER PRIMARY KEY AUTOINCREMENT NOT NULL, backup_id TEXT NULL, level INTEGER NOT NULL, message TEXT NOT NULL, datetm TEXT NOT NULL DEFAULT ( datetime( 'now', 'localtime' ) ) );";
 const char* kCreateHistory =
-    "CREATE TABLE history (id INTEGER PRIMARY KEY AUTOINCREMENT NOT NULL, backup_id TEXT NOT NULL, device TEXT NOT "
-    "NULL, command TEXT NOT NULL, device_minor INTEGER NULL, device_state INTEGER NULL, cow_file TEXT NULL, "
-    "image_chksum TEXT NULL, result TEXT NOT NULL, result_detail TEXT NOT NULL, error INTEGER NOT NULL, datetm TEXT "
-    "NOT NULL DEFAULT ( datetime( 'now', 'localtime' ) ) );";
+    "CREATE TABLE history (id INTEGER PRIMARY KEY AUTOINCREMENT NOT NULL, backup_id TEXT NOT NULL, device TEXT NOT NULL, command TEXT NOT NULL, device_minor INTEGER NULL, device_state INTEGER NULL, cow_file TEXT NULL, image_chksum TEXT NULL, result TEXT NOT NULL, result_detail TEXT NOT NULL, error INTEGER NOT NULL, datetm TEXT NOT NULL DEFAULT ( datetime( 'now', 'localtime' ) ) );";
 
 }  // namespace
 

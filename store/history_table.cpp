@@ -32,9 +32,7 @@ bool insert_history(const std::string& backupId, const std::string& device, cons
   sqlite3* db = session.db();
   Statement insert;
   if (!insert.prepare(db,
-                      "INSERT INTO history ( backup_id, device, command, device_minor, device_state, cow_file, "
-                      "image_chksum, result, result_detail, error, datetm ) VALUES( ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
-                      "datetime( CURRENT_TIMESTAMP, 'localtime' ) );")) {
+                      "INSERT INTO history ( backup_id, device, command, device_minor, device_state, cow_file, image_chksum, result, result_detail, error, datetm ) VALUES( ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, datetime( CURRENT_TIMESTAMP, 'localtime' ) );")) {
     StoreLog(kError, "Could not prepare insert history statement. %s", sqlite3_errmsg(db));
     return false;
   }
@@ -95,8 +93,7 @@ bool get_last_checksum_row(const std::string& device, HistoryRow* row) {
   sqlite3* db = session.db();
   Statement select;
   if (!select.prepare(db,
-                      "SELECT * FROM history WHERE device = ? AND result = 'success' AND image_chksum IS NOT NULL "
-                      "ORDER BY id DESC LIMIT 1;")) {
+                      "SELECT * FROM history WHERE device = ? AND result = 'success' AND image_chksum IS NOT NULL ORDER BY id DESC LIMIT 1;")) {
     StoreLog(kError, "Could not prepare select history checksum statement. %s", sqlite3_errmsg(db));
     return false;
   }

@@ -11,8 +11,7 @@ bool insert_log(int level, const std::string& backupId, const std::string& messa
   sqlite3* db = session.db();
   Statement insert;
   if (!insert.prepare(db,
-                      "INSERT INTO logs ( backup_id, level, message, datetm ) VALUES( ?, ?, ?, datetime( "
-                      "CURRENT_TIMESTAMP, 'localtime' ) );")) {
+                      "INSERT INTO logs ( backup_id, level, message, datetm ) VALUES( ?, ?, ?, datetime( CURRENT_TIMESTAMP, 'localtime' ) );")) {
     StoreLog(kError, "Could not prepare insert log statement. %s", sqlite3_errmsg(db));
     return false;
   }

@@ -168,6 +168,11 @@ bool CopyIncrementalAllBlocks(CopyJob& job, IscsiBlockDevice& device) {
     ssize_t n = snapshot.ReadAt(item->buffer, runBytes, offset);
     if (n < 1) {
       int error = errno;
+      if (n == 0) {
+        // The run lies beyond the snapshot's end: the map and the device disagree.
+        LogEvent(kError, job.backupId, "Seek to bitmap sector %llu on snapshot failed: %d\n",
+                 static_cast<unsigned long long>(runStart), error);
+      }
       int driverError = job.driverError ? job.driverError(job.driverErrorContext) : 0;
       if (driverError != 0) {
         LogEvent(kError, job.backupId, "Reading %llu bytes from snapshot failed: Return = %d, errno = %d, driver error = %d",
