@@ -167,6 +167,18 @@ void BackupVolume::RecordDriverCall(const std::string& command, const std::strin
   History().write(backupId_, request_.guid, command, minor_, state_, cowFile, "", result, blockDevice_, error);
 }
 
+int BackupVolume::ReportDriverFailure(const char* withDriverError, const char* withoutDriverError, int result,
+                                      int error) {
+  // The driver's own error for the device is only known when its state can be read.
+  if (!ReloadDriverInfo()) {
+    LogEvent(kError, backupId_, withoutDriverError, static_cast<unsigned>(minor_), result, error);
+    return 0;
+  }
+  int driverError = driverInfo_.errorFor(blockDevice_, request_.guid);
+  LogEvent(kError, backupId_, withDriverError, static_cast<unsigned>(minor_), result, error, driverError);
+  return driverError;
+}
+
 bool BackupVolume::ReloadDriverInfo() {
   driverInfo_.reset();
   return driverInfo_.load(&status_);
@@ -224,15 +236,8 @@ bool BackupVolume::CreateSnapshot() {
   int result = zelkobd_setup_snapshot(static_cast<unsigned>(minor_), blockDevice_.c_str(), cow.c_str(), size, 0);
   int error = errno;
   if (result != 0) {
-    int driverError = 0;
-    if (ReloadDriverInfo()) {
-      driverError = driverInfo_.errorFor(blockDevice_, request_.guid);
-      LogEvent(kError, backupId_, "Setup snapshot %u failed: Return = %d, errno = %d, driver error = %d",
-               static_cast<unsigned>(minor_), result, error, driverError);
-    } else {
-      LogEvent(kError, backupId_, "Setup snapshot %u failed: Return = %d, errno = %d", static_cast<unsigned>(minor_),
-               result, error);
-    }
+    int driverError = ReportDriverFailure("Setup snapshot %u failed: Return = %d, errno = %d, driver error = %d",
+                                          "Setup snapshot %u failed: Return = %d, errno = %d", result, error);
     if (error == ENOSPC || driverError == -ENOSPC) {
       status_.setError("Volume is full", kErrorVolumeFull, {request_.guid, blockDevice_});
     }
@@ -284,15 +289,9 @@ bool BackupVolume::TransitionIncrementalToSnapshot() {
   int result = zelkobd_transition_snapshot(static_cast<unsigned>(minor_), cow.c_str(), size);
   int error = errno;
   if (result != 0) {
-    int driverError = 0;
-    if (ReloadDriverInfo()) {
-      driverError = driverInfo_.errorFor(blockDevice_, request_.guid);
-      LogEvent(kError, backupId_, "Transition incremental to snapshot [%u] failed: Return = %d, errno = %d, driver error = %d",
-               static_cast<unsigned>(minor_), result, error, driverError);
-    } else {
-      LogEvent(kError, backupId_, "Transition incremental to snapshot [%u] failed: Return = %d errno = %d",
-               static_cast<unsigned>(minor_), result, error);
-    }
+    int driverError = ReportDriverFailure(
+        "Transition incremental to snapshot [%u] failed: Return = %d, errno = %d, driver error = %d",
+        "Transition incremental to snapshot [%u] failed: Return = %d errno = %d", result, error);
     if (error == ENOSPC || driverError == -ENOSPC) {
       status_.setError("Volume is full", kErrorVolumeFull, {request_.guid, blockDevice_});
     }
@@ -348,15 +347,9 @@ bool BackupVolume::MoveSnapshotToIncremental() {
     }
   }
   if (result != 0) {
-    int driverError = 0;
-    if (ReloadDriverInfo()) {
-      driverError = driverInfo_.errorFor(blockDevice_, request_.guid);
-      LogEvent(kError, backupId_, "Transition snapshot to incremental [%u] failed: Return = %d, errno = %d, driver error = %d",
-               static_cast<unsigned>(minor_), result, error, driverError);
-    } else {
-      LogEvent(kError, backupId_, "Transition snapshot to incremental [%u] failed: Return = %d, errno = %d",
-               static_cast<unsigned>(minor_), result, error);
-    }
+    int driverError = ReportDriverFailure(
+        "Transition snapshot to incremental [%u] failed: Return = %d, errno = %d, driver error = %d",
+        "Transition snapshot to incremental [%u] failed: Return = %d, errno = %d", result, error);
     if (error == EFBIG || driverError == -EFBIG) {
       status_.setError("Too many writes while snapshotted", kErrorTooManyWrites, {request_.guid, blockDevice_});
     }
@@ -404,13 +397,8 @@ bool BackupVolume::DestroyDriverDevice() {
     return false;
   }
   if (result != 0) {
-    if (ReloadDriverInfo()) {
-      LogEvent(kError, backupId_, "Destroy driver device %u failed: Return = %d, errno = %d, driver error = %d",
-               static_cast<unsigned>(minor_), result, error, driverInfo_.errorFor(blockDevice_, request_.guid));
-    } else {
-      LogEvent(kError, backupId_, "Destroy driver device %u failed: Return = %d, errno = %d",
-               static_cast<unsigned>(minor_), result, error);
-    }
+    ReportDriverFailure("Destroy driver device %u failed: Return = %d, errno = %d, driver error = %d",
+                        "Destroy driver device %u failed: Return = %d, errno = %d", result, error);
     RecordDriverCall("destroy_driver_device", "failure", error, "");
     return false;
   }

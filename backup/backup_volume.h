@@ -75,6 +75,9 @@ class BackupVolume {
   bool DestroyAll();
   bool ToggleCowName();
   bool ReloadDriverInfo();
+  // Logs a failed driver call, with the driver's error for the device when it can be
+  // read; returns that error (0 when unknown).
+  int ReportDriverFailure(const char* withDriverError, const char* withoutDriverError, int result, int error);
   void RecordDriverCall(const std::string& command, const std::string& result, int error,
                         const std::string& cowFile);
 
