@@ -549,6 +549,18 @@ bool BackupVolume::PostCreateSnapFromIncremental_AndCopyIncremental(bool diffMer
   return incrementalOk_;
 }
 
+CopyJob BackupVolume::MakeCopyJob() {
+  CopyJob job;
+  job.backupId = backupId_;
+  job.volumeUuid = request_.guid;
+  job.status = &status_;
+  job.cancelled = &cancelled_;
+  job.snapshotPath = snapshotPath();
+  job.imageOffset = request_.offset;
+  job.volumeSize = volumeSize_;
+  return job;
+}
+
 bool BackupVolume::CopyFullOrMerge(bool diffMerge) {
   const char* command = diffMerge ? "copy_diff_merge" : "copy_full";
   status_.setVolumeType(request_.guid, diffMerge ? "differential" : "full");
@@ -556,14 +568,7 @@ bool BackupVolume::CopyFullOrMerge(bool diffMerge) {
   if (CheckTargetReachable(Image())) {
     IscsiBlockDevice device(Image().target);
     if (device.Connect()) {
-      CopyJob job;
-      job.backupId = backupId_;
-      job.volumeUuid = request_.guid;
-      job.status = &status_;
-      job.cancelled = &cancelled_;
-      job.snapshotPath = snapshotPath();
-      job.imageOffset = request_.offset;
-      job.volumeSize = volumeSize_;
+      CopyJob job = MakeCopyJob();
       job.cowFiles = {cowPath(kCowName), cowPath(kCowNameAlternate)};
       job.cowSkipDisabled = ConfigYes("disable_cowskip");
       if (diffMerge) {
@@ -598,14 +603,7 @@ bool BackupVolume::CopyIncremental() {
   if (CheckTargetReachable(Image())) {
     IscsiBlockDevice device(Image().target);
     if (device.Connect()) {
-      CopyJob job;
-      job.backupId = backupId_;
-      job.volumeUuid = request_.guid;
-      job.status = &status_;
-      job.cancelled = &cancelled_;
-      job.snapshotPath = snapshotPath();
-      job.imageOffset = request_.offset;
-      job.volumeSize = volumeSize_;
+      CopyJob job = MakeCopyJob();
       job.changeMapPath = cowPath(existingCowName_);
       job.historyPath = history.path();
       job.historyExists = history.incrementalHistoryExists();

@@ -11,6 +11,7 @@
 #include "backup/backup_strategy.h"
 #include "backup/mutex.h"
 #include "backup/pre_post_script.h"
+#include "transfer/copy_job.h"
 #include "transfer/image_checksum.h"
 
 namespace orv {
@@ -88,6 +89,8 @@ class BackupVolume {
   bool PostCreateSnapFromIncremental_AndCopyIncremental(bool diffMerge);
   // Full or diff-merge copy, recording its history and the image checksum.
   bool CopyFullOrMerge(bool diffMerge);
+  // What every copy of this volume is told: whose it is, where it reads and writes.
+  CopyJob MakeCopyJob();
   bool CopyIncremental();
   bool PriorImageValid();
   bool RecordImageChecksum(const std::string& command);
