@@ -28,6 +28,9 @@ namespace {
 // is blocked in that thread, which takes it with sigwaitinfo, and is sent to no other.
 int RestartSignal() { return SIGRTMIN + 3; }
 
+// GnuTLS priorities of every session: the library's defaults, TLS 1.2 and 1.3 only.
+constexpr const char* kTlsPriorities = "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2";
+
 // The name the kernel's and newer C libraries' headers give the target thread's id.
 #ifndef sigev_notify_thread_id
 #define sigev_notify_thread_id _sigev_un._tid
@@ -172,7 +175,8 @@ bool HttpServer::startLocked() {
   // Only the library release 0.9.34 gets the short timeout; the exact match is kept.
   unsigned int timeout = strcmp(MHD_get_version(), "0.9.34") == 0 ? 30 : 120;
   // With a trust list the library asks each caller for its certificate; the session
-  // check of every request then decides.
+  // check of every request then decides. The library's default priorities still
+  // accept TLS 1.0 and 1.1, which no appliance needs: only 1.2 and 1.3 are offered.
   daemon_ = MHD_start_daemon(MHD_USE_TLS | MHD_USE_THREAD_PER_CONNECTION, port_, nullptr, nullptr,
                              &HttpServer::AccessHandler, this,
                              MHD_OPTION_NOTIFY_COMPLETED, &HttpServer::RequestCompleted, nullptr,
@@ -181,6 +185,7 @@ bool HttpServer::startLocked() {
                              MHD_OPTION_HTTPS_MEM_TRUST, trust_.c_str(),
                              MHD_OPTION_HTTPS_CRED_TYPE, GNUTLS_CRD_CERTIFICATE,
                              MHD_OPTION_CONNECTION_TIMEOUT, timeout,
+                             MHD_OPTION_HTTPS_PRIORITIES, kTlsPriorities,
                              MHD_OPTION_END);
   if (daemon_ == nullptr) {
     LogEvent(kCritical, "", "Api server failed to start: %d", errno);
