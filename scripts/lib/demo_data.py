@@ -6,7 +6,8 @@
   demo_data.py compare SOURCE IMAGE      every file, directory and link of both trees
   demo_data.py summary VOLUME_BYTES ROW...   ROW: id,seconds,status-document-file
 
-Everything is seeded, so two runs write the same bytes.
+Everything is seeded, so two runs write the same bytes. ORV_DEMO_DATA=small makes a
+quarter of the files and smaller large ones, for the tests of the demo.
 """
 import hashlib
 import json
@@ -19,6 +20,13 @@ MIB = 1024 * 1024
 # The agent's and the driver's own files on a volume: the COW files (skipped by the
 # copy, so their content in the image is not the volume's) and the incremental history.
 AGENT_FILES = {".zelko", ".zelko1", ".zelko.inc", "lost+found"}
+SMALL = os.environ.get("ORV_DEMO_DATA") == "small"
+SMALL_FILES = 600 if SMALL else 2400
+LARGE_MIB = [4 + 2 * i for i in range(4)] if SMALL else [16 + 8 * i for i in range(4)]
+CHANGED_FILES = 40 if SMALL else 120
+NEW_FILES = 50 if SMALL else 200
+REWRITE_MIB = 1 if SMALL else 4
+APPEND_MIB = 1 if SMALL else 2
 
 
 def write(path, data):
@@ -40,45 +48,48 @@ def fill(root):
     rng = random.Random(20261107)
     total = 0
     count = 0
-    for i in range(2400):
+    for i in range(SMALL_FILES):
         size = rng.choice([0, 100, 1500, 4096, 4097, rng.randrange(1, 48 * 1024)])
         write(os.path.join(root, "docs", "d%02d" % (i % 40), "f%04d.bin" % i), rng.randbytes(size))
         total += size
         count += 1
-    for i in range(4):
-        size = (16 + 8 * i) * MIB
+    for i, mib in enumerate(LARGE_MIB):
+        size = mib * MIB
         write(os.path.join(root, "media", "large%d.bin" % i), rng.randbytes(size))
         total += size
         count += 1
     os.symlink("media/large0.bin", os.path.join(root, "latest"))
     os.makedirs(os.path.join(root, "empty-dir"))
     sync_tree(root)
-    print("  %d files, %.1f MiB: 2400 small ones in 40 directories, 4 large ones (16..40 MiB)" %
-          (count, total / MIB))
+    print("  %d files, %.1f MiB: %d small ones in 40 directories, 4 large ones (%d..%d MiB)" %
+          (count, total / MIB, SMALL_FILES, LARGE_MIB[0], LARGE_MIB[-1]))
 
 
 def change(root):
     rng = random.Random(1107)
     small = sorted(os.path.join(dp, f) for dp, _, fs in os.walk(os.path.join(root, "docs")) for f in fs)
-    picked = rng.sample(small, 120)
-    for path in picked[:60]:  # overwrite the start in place
+    picked = rng.sample(small, CHANGED_FILES)
+    half, three_quarters = CHANGED_FILES // 2, CHANGED_FILES * 3 // 4
+    for path in picked[:half]:  # overwrite the start in place
         with open(path, "r+b") as f:
             f.write(rng.randbytes(2000))
-    for path in picked[60:90]:  # append
+    for path in picked[half:three_quarters]:  # append
         with open(path, "ab") as f:
             f.write(rng.randbytes(rng.randrange(100, 20000)))
-    for path in picked[90:]:  # delete
+    for path in picked[three_quarters:]:  # delete
         os.remove(path)
-    for i in range(200):  # new files
+    for i in range(NEW_FILES):  # new files
         write(os.path.join(root, "new", "n%03d.bin" % i), rng.randbytes(rng.randrange(1, 32 * 1024)))
-    with open(os.path.join(root, "media", "large1.bin"), "r+b") as f:  # rewrite 4 MiB in the middle
-        f.seek(10 * MIB)
-        f.write(rng.randbytes(4 * MIB))
+    large1 = os.path.join(root, "media", "large1.bin")
+    with open(large1, "r+b") as f:  # rewrite in the middle
+        f.seek(os.path.getsize(large1) // 2 - REWRITE_MIB * MIB // 2)
+        f.write(rng.randbytes(REWRITE_MIB * MIB))
     with open(os.path.join(root, "media", "large2.bin"), "ab") as f:
-        f.write(rng.randbytes(2 * MIB))
+        f.write(rng.randbytes(APPEND_MIB * MIB))
     sync_tree(root)
-    print("  60 files overwritten, 30 appended to, 30 deleted, 200 created, "
-          "4 MiB rewritten in media/large1.bin, 2 MiB appended to media/large2.bin")
+    print("  %d files overwritten, %d appended to, %d deleted, %d created, "
+          "%d MiB rewritten in media/large1.bin, %d MiB appended to media/large2.bin" %
+          (half, three_quarters - half, CHANGED_FILES - three_quarters, NEW_FILES, REWRITE_MIB, APPEND_MIB))
 
 
 def entries(root):

@@ -24,7 +24,9 @@ loop_attach() {
       *"cannot find an unused loop device"* | *"No such device"* | *"could not find any free loop device"*)
         # losetup already asked the kernel for a new device: there is none to be had.
         echo "no free loop device for $image: $out" >&2
-        echo "  in use: $(losetup -l -n -O NAME 2>/dev/null | tr '\n' ' ')" >&2
+        local used
+        used=$(losetup -l -n -O NAME 2>/dev/null | tr '\n' ' ')
+        echo "  loop devices in use: ${used:-none (is the loop module loaded? modprobe loop)}" >&2
         echo "  free one ('losetup -d /dev/loopN' of a device you own) or allow more (modprobe loop max_loop=64)" >&2
         return 1
         ;;

@@ -418,6 +418,10 @@ def test_debian_package_installs_runs_the_daemon_and_purges_without_a_trace(tmp_
         pid = wait_for_daemon()
         started.append(pid)
         assert pid != os.getpid()
+        # The commands work beside the running daemon, on the same database.
+        result = subprocess.run(["/usr/sbin/orvd", "get_config"], capture_output=True, text=True, env=agent_env(),
+                                timeout=60)
+        assert result.stdout.endswith("Current configuration settings:\nrest_port = %d\n" % port), result.stdout
         os.kill(pid, signal.SIGTERM)
         wait_gone(pid)
         assert not os.path.exists("/var/run/orvd.pid")
