@@ -7,8 +7,6 @@ import fcntl
 import os
 import struct
 import subprocess
-import sys
-import textwrap
 import time
 
 import pytest
@@ -433,57 +431,6 @@ def test_bad_input_gets_an_errno_and_a_readable_message(sim_dir, loop_volumes, t
         assert result.returncode in (1, 2) and result.stderr.startswith("zbdctl: "), (args, result)
     assert sim_dir.zbdctl("--help").stdout.startswith("usage: zbdctl")
     assert subprocess.run([zbdctl_path()], capture_output=True).returncode == 2
-
-
-def test_volume_fixtures_leave_nothing_behind_when_tests_fail(tmp_path):
-    inner = tmp_path / "inner"
-    inner.mkdir()
-    record = tmp_path / "record"
-    (inner / "test_inner.py").write_text(textwrap.dedent(f"""
-        import os, subprocess
-        import pytest
-        from volumes import loop_volumes
-
-        def note(volume):
-            with open({str(record)!r}, "a") as f:
-                f.write(volume.image + " " + volume.mountpoint + "\\n")
-
-        @pytest.mark.parametrize("fs", ["ext4", "xfs", "ntfs"])
-        def test_fails_with_a_file_held_open(loop_volumes, fs):
-            volume = loop_volumes(fs, fill=False)
-            note(volume)
-            held = open(volume.path("held"), "w")
-            assert held is None
-
-        def test_fails_with_the_file_system_frozen(loop_volumes):
-            volume = loop_volumes("ext4", fill=False)
-            note(volume)
-            subprocess.run(["fsfreeze", "-f", volume.mountpoint], check=True)
-            raise RuntimeError("died while frozen")
-
-        def test_fails_while_making_a_volume(loop_volumes):
-            loop_volumes("xfs", size_mib=16)
-    """))
-    env = dict(os.environ, PYTHONPATH=os.path.dirname(os.path.abspath(__file__)))
-    result = subprocess.run([sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider",
-                             "--basetemp", str(tmp_path / "base"), str(inner)],
-                            capture_output=True, text=True, env=env, timeout=600)
-    assert result.returncode == 1, result.stdout
-    assert "5 failed" in result.stdout or "failed" in result.stdout, result.stdout
-    recorded = [line.split() for line in record.read_text().splitlines()]
-    assert len(recorded) == 4
-    base = str(tmp_path / "base")
-    with open("/proc/self/mountinfo") as f:
-        assert base not in f.read()
-    assert base not in subprocess.run(["losetup", "-a"], capture_output=True, text=True).stdout
-    for pid in filter(str.isdigit, os.listdir("/proc")):
-        try:
-            with open(f"/proc/{pid}/cmdline", "rb") as f:
-                assert base.encode() not in f.read(), f"process {pid} still uses the test volumes"
-        except (FileNotFoundError, ProcessLookupError, PermissionError):
-            pass
-    for image, point in recorded:
-        assert not os.path.exists(image) and not os.path.exists(point)
 
 
 def test_shell_volume_helpers_make_and_remove_volumes(tmp_path):
