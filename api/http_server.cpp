@@ -2,14 +2,16 @@
 
 #include <gnutls/gnutls.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <map>
 #include <memory>
-#include <set>
+#include <system_error>
 
 #include "api/agent_api.h"
 #include "api/cert_utils.h"
@@ -22,21 +24,17 @@ namespace orv {
 
 namespace {
 
-// The servers whose restart timer may still fire, and the restarts running now. A
-// timer's thread can start after its server began to go away; it finds the server here
-// or does nothing, and the destructor waits for the restarts that did find it. Never
-// destroyed: a timer thread may run while the process exits.
-struct LiveServers {
-  std::mutex mutex;
-  std::condition_variable idle;
-  std::set<HttpServer*> servers;
-  int restarting = 0;
-};
+// The signal that carries the restart timer's expiry to the server's timer thread. It
+// is blocked in that thread, which takes it with sigwaitinfo, and is sent to no other.
+int RestartSignal() { return SIGRTMIN + 3; }
 
-LiveServers& Live() {
-  static LiveServers* live = new LiveServers;
-  return *live;
-}
+// GnuTLS priorities of every session: the library's defaults, TLS 1.2 and 1.3 only.
+constexpr const char* kTlsPriorities = "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2";
+
+// The name the kernel's and newer C libraries' headers give the target thread's id.
+#ifndef sigev_notify_thread_id
+#define sigev_notify_thread_id _sigev_un._tid
+#endif
 
 struct ResponseRelease {
   void operator()(MHD_Response* response) const { MHD_destroy_response(response); }
@@ -53,19 +51,38 @@ MHD_Result CollectArgument(void* cls, MHD_ValueKind kind, const char* key, const
 }  // namespace
 
 HttpServer::HttpServer(AgentAPI* api) : api_(api) {
-  struct sigevent event = {};
-  event.sigev_notify = SIGEV_THREAD;
-  event.sigev_notify_function = &HttpServer::RestartTimerFired;
-  event.sigev_value.sival_ptr = this;
-  if (timer_create(CLOCK_REALTIME, &event, &restartTimer_) != 0) {
-    LogEvent(kError, "", "Error: Restart timer create - %d", errno);
-  } else {
-    timerCreated_ = true;
+  // The thread starts with the signal blocked (it inherits this mask), so an expiry can
+  // never reach it before it waits, nor take its default action.
+  sigset_t only;
+  sigset_t previous;
+  sigemptyset(&only);
+  sigaddset(&only, RestartSignal());
+  pthread_sigmask(SIG_BLOCK, &only, &previous);
+  std::promise<pid_t> threadId;
+  std::future<pid_t> knownThreadId = threadId.get_future();
+  int error = 0;
+  try {
+    timerThread_ = std::thread([this, &threadId] {
+      threadId.set_value(gettid());
+      timerLoop();
+    });
+  } catch (const std::system_error& e) {
+    error = e.code().value();
   }
-  {
-    std::lock_guard<std::mutex> lock(Live().mutex);
-    Live().servers.insert(this);
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  if (error == 0) {
+    struct sigevent event = {};
+    event.sigev_notify = SIGEV_THREAD_ID;
+    event.sigev_signo = RestartSignal();
+    event.sigev_value.sival_ptr = this;
+    event.sigev_notify_thread_id = knownThreadId.get();
+    if (timer_create(CLOCK_REALTIME, &event, &restartTimer_) == 0) {
+      timerCreated_ = true;
+    } else {
+      error = errno;
+    }
   }
+  if (!timerCreated_) LogEvent(kError, "", "Error: Restart timer create - %d", error);
   if (api_ != nullptr) api_->setServer(this);
 }
 
@@ -74,10 +91,10 @@ HttpServer::~HttpServer() {
   if (timerCreated_ && timer_delete(restartTimer_) != 0) {
     LogEvent(kWarning, "", "Error: Restart timer delete - %d", errno);
   }
-  {
-    std::unique_lock<std::mutex> lock(Live().mutex);
-    Live().servers.erase(this);
-    Live().idle.wait(lock, [] { return Live().restarting == 0; });
+  if (timerThread_.joinable()) {
+    // Wakes the thread, which sees the closing flag; a restart it is running ends first.
+    pthread_kill(timerThread_.native_handle(), RestartSignal());
+    timerThread_.join();
   }
   std::lock_guard<std::mutex> lock(lifecycle_);
   stopLocked();
@@ -158,7 +175,8 @@ bool HttpServer::startLocked() {
   // Only the library release 0.9.34 gets the short timeout; the exact match is kept.
   unsigned int timeout = strcmp(MHD_get_version(), "0.9.34") == 0 ? 30 : 120;
   // With a trust list the library asks each caller for its certificate; the session
-  // check of every request then decides.
+  // check of every request then decides. The library's default priorities still
+  // accept TLS 1.0 and 1.1, which no appliance needs: only 1.2 and 1.3 are offered.
   daemon_ = MHD_start_daemon(MHD_USE_TLS | MHD_USE_THREAD_PER_CONNECTION, port_, nullptr, nullptr,
                              &HttpServer::AccessHandler, this,
                              MHD_OPTION_NOTIFY_COMPLETED, &HttpServer::RequestCompleted, nullptr,
@@ -167,6 +185,7 @@ bool HttpServer::startLocked() {
                              MHD_OPTION_HTTPS_MEM_TRUST, trust_.c_str(),
                              MHD_OPTION_HTTPS_CRED_TYPE, GNUTLS_CRD_CERTIFICATE,
                              MHD_OPTION_CONNECTION_TIMEOUT, timeout,
+                             MHD_OPTION_HTTPS_PRIORITIES, kTlsPriorities,
                              MHD_OPTION_END);
   if (daemon_ == nullptr) {
     LogEvent(kCritical, "", "Api server failed to start: %d", errno);
@@ -207,18 +226,17 @@ void HttpServer::restart(bool retry) {
   }
 }
 
-void HttpServer::RestartTimerFired(union sigval value) {
-  auto* server = static_cast<HttpServer*>(value.sival_ptr);
-  if (server == nullptr) return;
-  {
-    std::lock_guard<std::mutex> lock(Live().mutex);
-    if (Live().servers.count(server) == 0) return;
-    ++Live().restarting;
+void HttpServer::timerLoop() {
+  sigset_t only;
+  sigemptyset(&only);
+  sigaddset(&only, RestartSignal());
+  while (!closing_) {
+    siginfo_t info;
+    if (sigwaitinfo(&only, &info) < 0) continue;  // EINTR: a handled signal came in between
+    if (closing_) break;
+    // Only an expiry of this server's timer restarts; the destructor's wake-up does not.
+    if (info.si_code == SI_TIMER && info.si_value.sival_ptr == this) restart(true);
   }
-  server->restart(true);
-  std::lock_guard<std::mutex> lock(Live().mutex);
-  --Live().restarting;
-  Live().idle.notify_all();
 }
 
 void HttpServer::RequestCompleted(void* cls, MHD_Connection* connection, void** context,

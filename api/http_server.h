@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <thread>
 
 namespace orv {
 
@@ -20,6 +21,11 @@ class AgentAPI;
 // agent serves and its TLS session names a device from the agent's authority; anything
 // else is dropped without a response. After a configuration write the server restarts
 // itself five seconds later, on its own timer thread, so that a new port takes effect.
+//
+// The restart timer is a POSIX timer whose expiry is delivered as a signal to a thread
+// the server starts itself (SIGEV_THREAD_ID) rather than to a thread that the C library
+// creates on its own (SIGEV_THREAD): a thread the program does not know of can't be
+// joined at destruction, and the thread sanitizer can't follow it.
 class HttpServer {
  public:
   static constexpr uint16_t kDefaultPort = 25567;
@@ -27,7 +33,7 @@ class HttpServer {
   // `api` routes the requests and must outlive the server. The restart timer is made
   // here; a failure to make it is logged and the server works without restarts.
   explicit HttpServer(AgentAPI* api);
-  // Deletes the timer, waits for a restart in progress and stops the daemon.
+  // Deletes the timer, waits for a restart in progress to end and stops the daemon.
   virtual ~HttpServer();
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
@@ -56,7 +62,8 @@ class HttpServer {
                                   void** context);
   static void RequestCompleted(void* cls, MHD_Connection* connection, void** context,
                                MHD_RequestTerminationCode toe);
-  static void RestartTimerFired(union sigval value);
+  // The timer thread: waits for the timer's signal and restarts, until closing.
+  void timerLoop();
 
   AgentAPI* api_;
   // Start, stop and restart run on the main thread and the timer's thread; this lock
@@ -73,6 +80,7 @@ class HttpServer {
   std::string trust_;
   timer_t restartTimer_{};
   bool timerCreated_ = false;
+  std::thread timerThread_;
   std::atomic<bool> closing_{false};
 };
 

@@ -75,6 +75,12 @@ void DriverInfo::parse(const JsonValue& document) {
   }
 }
 
+void DriverInfo::parseText(const std::string& text) {
+  parse(JsonValue::Parse(text));
+  std::stable_sort(devices_.begin(), devices_.end(),
+                   [](const DriverDevice& a, const DriverDevice& b) { return a.minor < b.minor; });
+}
+
 bool DriverInfo::load(AllBackupStatus* status) {
   const std::string backupId = status != nullptr ? status->backupId() : std::string();
   std::string text;
@@ -90,7 +96,7 @@ bool DriverInfo::load(AllBackupStatus* status) {
   // A document that does not parse is taken as empty: without a version it ends in
   // the invalid-version failure below.
   try {
-    parse(JsonValue::Parse(text));
+    parseText(text);
     LogEvent(kInfo, backupId, "Driver information parsed");
   } catch (const JsonError& error) {
     LogEvent(kError, backupId, "Driver information is not valid JSON: %s", error.what());
@@ -106,8 +112,6 @@ bool DriverInfo::load(AllBackupStatus* status) {
     return false;
   }
 
-  std::stable_sort(devices_.begin(), devices_.end(),
-                   [](const DriverDevice& a, const DriverDevice& b) { return a.minor < b.minor; });
   for (const DriverDevice& device : devices_) {
     LogEvent(kDebug, backupId, "DRIVER DEVICE:");
     LogEvent(kDebug, backupId, "\tMINOR: %d", device.minor);
@@ -120,12 +124,14 @@ bool DriverInfo::load(AllBackupStatus* status) {
 }
 
 int DriverInfo::nextFreeMinor() const {
-  int count = 0;
+  // The devices are sorted; a document may still repeat a minor or hold a negative
+  // one (a number out of range wraps), and neither may hand out a minor in use.
+  int next = 0;
   for (const DriverDevice& device : devices_) {
-    if (device.minor != count) return count;
-    ++count;
+    if (device.minor > next) break;
+    if (device.minor == next) ++next;
   }
-  return count;
+  return next;
 }
 
 const DriverDevice* DriverInfo::find(const std::string& blockDevice, const std::string& uuid) const {

@@ -42,6 +42,10 @@ class DriverInfo {
   // Reads, parses and checks the document. The caller resets first. With a status,
   // an unreadable document is reported to the appliance as error 101.
   bool load(AllBackupStatus* status);
+  // The parse step of load(): reads the document's text into this object, devices
+  // sorted by minor, and leaves checking the version to the caller. Throws JsonError
+  // when the text is not a JSON document. The caller resets first.
+  void parseText(const std::string& text);
   void reset();
 
   // The lowest minor not in use, counting from 0 over the sorted devices.

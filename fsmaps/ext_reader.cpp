@@ -50,6 +50,7 @@ bool ExtReader::Open() {
     return false;
   }
   fsBlockSize_ = uint64_t{1024} << logBlockSize;
+  superblockBlock_ = kSuperblockOffset / fsBlockSize_;
   blocksTotal_ = Le32(super_ + 4);
   firstDataBlock_ = Le32(super_ + 20);
   blocksPerGroup_ = Le32(super_ + 32);
@@ -72,6 +73,13 @@ bool ExtReader::Open() {
     unitsPerGroup_ = Le32(super_ + 36);
     blocksPerGroup_ = unitsPerGroup_ * clusterRatio_;
   } else {
+    // Without bigalloc the first group starts with the superblock's block; any other
+    // start would put the groups and the descriptor table over each other.
+    if (firstDataBlock_ != superblockBlock_) {
+      ReportFsError(EUCLEAN, "Corrupt ext superblock: first data block %llu with blocks of %llu bytes\n",
+                    static_cast<unsigned long long>(firstDataBlock_), static_cast<unsigned long long>(fsBlockSize_));
+      return false;
+    }
     unitsPerGroup_ = blocksPerGroup_;
   }
   if (unitsPerGroup_ == 0 || unitsPerGroup_ > fsBlockSize_ * 8) {
@@ -110,11 +118,14 @@ bool ExtReader::HasSuperblockBackup(uint64_t group) const {
 uint64_t ExtReader::DescriptorBlock(uint64_t group) const {
   uint64_t perBlock = fsBlockSize_ / descriptorSize_;
   uint64_t metaGroup = group / perBlock;
-  if (!metaBg_ || metaGroup < firstMetaBg_) return firstDataBlock_ + 1 + metaGroup;
+  if (!metaBg_ || metaGroup < firstMetaBg_) return superblockBlock_ + 1 + metaGroup;
   // meta_bg: each run of perBlock groups keeps its descriptor block in its own first
-  // group, right after that group's superblock backup.
+  // group, right after that group's superblock backup. Group 0 starts at block 0 when
+  // the first data block is 0, but its superblock is still in block 1 with 1 KiB blocks.
   uint64_t first = metaGroup * perBlock;
-  return firstDataBlock_ + first * blocksPerGroup_ + (HasSuperblockBackup(first) ? 1 : 0);
+  uint64_t groupStart = firstDataBlock_ + first * blocksPerGroup_;
+  if (first == 0) groupStart = std::max(groupStart, superblockBlock_);
+  return groupStart + (HasSuperblockBackup(first) ? 1 : 0);
 }
 
 const uint8_t* ExtReader::Descriptor(uint64_t group) {
@@ -143,7 +154,7 @@ bool ExtReader::Fill(PieceBitmap& piece) {
   // that cannot be on the device is refused before any bitmap is read.
   uint64_t perBlock = fsBlockSize_ / descriptorSize_;
   uint64_t tableGroups = metaBg_ ? std::min(groups_, firstMetaBg_ * perBlock) : groups_;
-  uint64_t tableStart = (firstDataBlock_ + 1) * fsBlockSize_;
+  uint64_t tableStart = (superblockBlock_ + 1) * fsBlockSize_;
   uint64_t size = source_.Size();
   if (size > 0 && tableStart > size) {
     ReportFsError(EINVAL, "Can't seek to data block\n");

@@ -45,6 +45,10 @@ class ExtReader : public FsReader {
   uint64_t fsBlockSize_ = 0;    // the file system's block size
   uint64_t blocksTotal_ = 0;    // in file-system blocks
   uint64_t firstDataBlock_ = 0;
+  // The block holding the superblock: 1 with 1 KiB blocks, else 0. The descriptor
+  // table follows it, whatever the first data block says (bigalloc makes that 0 even
+  // with 1 KiB blocks).
+  uint64_t superblockBlock_ = 0;
   uint64_t blocksPerGroup_ = 0;
   uint64_t unitsPerGroup_ = 0;  // bitmap bits per group: blocks, or clusters with bigalloc
   uint64_t clusterRatio_ = 1;   // file-system blocks per bitmap unit

@@ -57,6 +57,7 @@ bool Database::open() {
     pthread_mutex_unlock(&databaseMutex);
     return false;
   }
+  sqlite3_busy_timeout(sharedHandle, kBusyTimeoutMs);
   return true;
 }
 

@@ -12,6 +12,13 @@ namespace orv {
 // statement of the whole agent runs at a time and no handle outlives its statement.
 class Database {
  public:
+  // How long a statement waits for a lock that another process holds on the file (an
+  // administrator's sqlite3, a configuration command, a backup copy of the file)
+  // before it fails with "database is locked". Without it a reader of a few
+  // milliseconds makes the agent drop log lines and history records; kept short
+  // because the waiting statement holds the database mutex.
+  static constexpr int kBusyTimeoutMs = 1000;
+
   // Waits up to 60 seconds for the database mutex; on success the caller holds it and
   // handle() is set until close().
   static bool open();

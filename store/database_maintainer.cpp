@@ -78,6 +78,7 @@ bool DatabaseMaintainer::initialise() {
     StoreLog(kError, "Invalid database handle");
     return false;
   }
+  sqlite3_busy_timeout(handle_, Database::kBusyTimeoutMs);
   std::string text;
   if (!readDatabaseVersion(&text)) return false;
   databaseVersion_ = SchemaVersion::Parse(text);

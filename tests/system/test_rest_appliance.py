@@ -1,9 +1,17 @@
 """The development appliance's command line against a running agent, and large bodies."""
+import contextlib
+import importlib.machinery
+import io
 import json
 import os
+import re
 import subprocess
+import types
 
-from agent import SOURCE_DIR, free_port
+import pytest
+
+from agent import SOURCE_DIR, free_port, wait_for
+from backup_rig import BackupRig
 
 APPLIANCE = os.path.join(SOURCE_DIR, "tools", "appliance", "appliance")
 MIB = 1024 * 1024
@@ -20,10 +28,11 @@ def appliance(agent, files, *args):
 def test_cli_commands_and_exit_codes(running_agent, authority, foreign_authority, client_files):
     device = client_files(authority, 42)
     result = appliance(running_agent, device, "config", "get")
-    assert (result.returncode, result.stdout) == (1, "HTTP 401\n")
+    assert (result.returncode, result.stdout) == (1, "")
+    assert result.stderr.startswith("appliance: the agent answered HTTP 401 (this client's device id is not")
 
     result = appliance(running_agent, device, "pair", "42")
-    assert (result.returncode, result.stdout) == (0, "HTTP 201\n")
+    assert (result.returncode, result.stdout) == (0, "paired: the agent now serves device 42\n")
     running_agent.set_config("log_days_to_keep", 30)
     running_agent.set_config("log_level", 3)
 
@@ -39,8 +48,16 @@ def test_cli_commands_and_exit_codes(running_agent, authority, foreign_authority
     result = appliance(running_agent, device, "events", "--backupid", "b-7", "--severity", "4")
     assert (result.returncode, result.stdout) == (0, "2030-01-02 03:04:05 [ERROR] b-7 disk on fire\n")
 
+    # A cancel the agent refuses is a failure for scripts, in either output form.
     result = appliance(running_agent, device, "--json", "backup", "cancel", "nothing")
     assert json.loads(result.stdout) == {"success": False, "errorString": "Cancel backup request failed or timed out."}
+    assert result.returncode == 1
+    result = appliance(running_agent, device, "backup", "cancel", "nothing")
+    assert result.returncode == 1
+    assert "did not cancel backup nothing: Cancel backup request failed or timed out." in result.stderr
+    # Common options are also taken after the command.
+    result = appliance(running_agent, device, "config", "get", "--json")
+    assert json.loads(result.stdout)["log_level"] == 3
 
     # Refused callers get no answer at all: exit 3, as for an agent that isn't there.
     result = appliance(running_agent, client_files(foreign_authority, 42), "config", "get")
@@ -60,7 +77,8 @@ def test_cli_config_set_moves_the_agent(running_agent, authority, client_files):
     new_port = free_port()
     result = appliance(running_agent, device, "config", "set", "--rest-port", str(new_port), "--log-days", "20",
                        "--log-level", "2")
-    assert (result.returncode, result.stdout) == (0, "HTTP 200\n")
+    assert (result.returncode, result.stdout) == (
+        0, "configuration stored; the agent restarts its HTTPS server in 5 s on port %d\n" % new_port)
     running_agent.wait_listening(new_port, timeout=20)
     running_agent.port = new_port
     result = appliance(running_agent, device, "config", "get")
@@ -100,3 +118,178 @@ def test_bodies_up_to_32_mib_are_read_and_longer_ones_refused(agent, authority, 
     running_agent.set_config("log_days_to_keep", 30)
     running_agent.set_config("log_level", 3)
     assert client.get_config().status == 200
+
+
+COMMANDS = [["pair"], ["basichost"], ["host"], ["config"], ["config", "get"], ["config", "set"], ["events"],
+            ["backup"], ["backup", "start"], ["backup", "status"], ["backup", "watch"], ["backup", "cancel"]]
+
+
+def load_tool():
+    """The appliance command as a module, to run many command lines without a process each."""
+    loader = importlib.machinery.SourceFileLoader("appliance_cli", APPLIANCE)
+    module = types.ModuleType(loader.name)
+    module.__file__ = APPLIANCE
+    loader.exec_module(module)
+    return module
+
+
+def run_in_process(tool, words):
+    out, err = io.StringIO(), io.StringIO()
+    with contextlib.redirect_stdout(out), contextlib.redirect_stderr(err):
+        try:
+            status = tool.main(words)
+        except SystemExit as e:
+            status = e.code
+    return status, out.getvalue(), err.getvalue()
+
+
+def test_cli_help_for_every_command_and_usage_errors(monkeypatch):
+    result = subprocess.run([APPLIANCE, "--help"], capture_output=True, text=True)
+    assert result.returncode == 0
+    # The documented exit statuses are in the main help.
+    for status in ("0 ", "1 ", "2 ", "3 ", "130"):
+        assert "\n  " + status in result.stdout
+    tool = load_tool()
+    for words in COMMANDS:
+        status, out, err = run_in_process(tool, words + ["--help"])
+        assert status == 0, (words, err)
+        assert out.startswith("usage: appliance " + " ".join(words)), out
+    for name in list(os.environ):
+        if name.startswith("APPLIANCE_"):
+            monkeypatch.delenv(name)
+    usage = [
+        ["backup", "start", "--target", "127.0.0.1:3260"],  # before any --volume
+        ["backup", "start", "--volume", "u", "--target", "h:1", "--iqn", "q"],  # no --lun
+        ["backup", "start", "--volume", "u", "--target", "h:1", "--iqn", "q", "--lun", "one"],
+        ["backup", "start"],  # no volume at all
+        ["backup", "start", "--volume", "guid=u,bogus=1"],
+        ["backup", "start", "--volume", "u", "--target", "h:1", "--iqn", "q", "--lun", "1", "--file", "f.json"],
+        ["backup", "watch"],
+        ["--agent", "h:notaport", "host"],
+        ["--cert", "/etc/hostname", "host"],  # a certificate without its key
+        ["--cert", "/nonexistent.pem", "--key", "/nonexistent.key", "host"],
+        ["host"],  # no --ca and not --insecure
+    ]
+    for words in usage:
+        ca = [] if words == ["host"] else ["--ca", "/etc/hostname"]
+        status, out, err = run_in_process(tool, ca + words)
+        assert status == 2, (words, out, err)
+        assert err.startswith("usage: appliance") or err.startswith("appliance: cannot read"), (words, err)
+    # And as a process: a usage error says so on standard error, without a traceback.
+    result = subprocess.run([APPLIANCE, "--ca", "/etc/hostname", "backup", "start", "--volume", "guid=u,bogus=1"],
+                            capture_output=True, text=True)
+    assert result.returncode == 2 and "unknown volume item 'bogus'" in result.stderr, result.stderr
+
+
+@pytest.fixture
+def rig(agent, sim_dir, tgtd, client_files, authority, tmp_path):
+    return BackupRig(agent, sim_dir, tgtd, client_files, authority, tmp_path)
+
+
+def rig_cli(rig, *args, timeout=300):
+    device = rig.client.cert, rig.client.key
+    return subprocess.run([APPLIANCE, "--agent", "127.0.0.1:%d" % rig.agent.port, "--ca",
+                           os.path.join(rig.agent.cert_dir, "ca.crt"), "--cert", device[0], "--key", device[1]]
+                          + list(args), capture_output=True, text=True, timeout=timeout)
+
+
+def volume_args(rig, volume, lun=None):
+    tid, iqn, path, default_lun = rig.luns[volume.uuid]
+    return ["--volume", volume.uuid, "--target", rig.tgtd.portal, "--iqn", iqn,
+            "--lun", str(lun if lun is not None else default_lun)]
+
+
+def test_cli_backup_start_watch_status_and_failures(rig, loop_volumes):
+    volume = loop_volumes("ext4", size_mib=64, seed=31)
+    rig.add_target(volume)
+
+    result = rig_cli(rig, "backup", "start", *volume_args(rig, volume), "--watch", "--interval", "0.1")
+    assert result.returncode == 0, result.stdout + result.stderr
+    lines = result.stdout.splitlines()
+    backup_id = re.fullmatch(r"backup (\S+) started", lines[0]).group(1)
+    # Not a terminal: one line per visible change, the last one the finished volume.
+    assert re.match(r"%s full +\[#+\] 100\.0%% .* finished" % volume.uuid[:8], lines[-2]), lines
+    assert re.fullmatch(r"backup %s finished: 1 volume, [0-9.]+ MiB sent in [0-9.]+ s \([0-9.]+ MiB/s\)" % backup_id,
+                        lines[-1]), lines
+    assert rig.verify_image(volume) == []
+
+    document = json.loads(rig_cli(rig, "--json", "backup", "status", backup_id).stdout)
+    assert document["status"] == "finished" and document["details"][0]["volume"] == volume.uuid
+    result = rig_cli(rig, "backup", "status", backup_id)
+    assert result.returncode == 0
+    assert result.stdout.startswith("backup %s: finished, " % backup_id)
+    assert "volume %s  full         finished" % volume.uuid in result.stdout
+    result = rig_cli(rig, "backup", "status")
+    assert "backup %s: finished" % backup_id in result.stdout
+
+    # Watching a backup that has ended prints its end at once; --json prints the document.
+    result = rig_cli(rig, "--json", "backup", "watch", backup_id)
+    assert result.returncode == 0 and json.loads(result.stdout)["status"] == "finished"
+
+    # A LUN the target does not have: the backup fails, and so does the command.
+    result = rig_cli(rig, "backup", "start", *volume_args(rig, volume, lun=9), "--watch", "--interval", "0.1")
+    assert result.returncode == 1, result.stdout + result.stderr
+    assert re.search(r"^backup \S+ failed: 1 volume", result.stdout, re.M), result.stdout
+    assert "Could not connect to ISCSI target storage" in result.stdout
+    failed_id = result.stdout.split()[1]
+    assert rig_cli(rig, "backup", "watch", failed_id).returncode == 1
+    result = rig_cli(rig, "backup", "status", failed_id)
+    assert result.returncode == 0 and "failed" in result.stdout.splitlines()[0]
+
+    # An id the agent does not know, and a cancel of a backup that has ended.
+    result = rig_cli(rig, "backup", "watch", "no-such-backup")
+    assert result.returncode == 1 and "knows no backup no-such-backup" in result.stderr
+    assert rig_cli(rig, "backup", "cancel", backup_id).returncode == 1
+
+    # The start document as a file, with the id alone on standard output.
+    request = os.path.join(str(rig.tmp_path), "request.json")
+    with open(request, "w") as f:
+        json.dump({"volumes": [rig.volume_request(volume)], "forceCopyFull": True}, f)
+    result = rig_cli(rig, "--json", "backup", "start", "--file", request)
+    assert result.returncode == 0
+    started = result.stdout.strip()
+    assert re.fullmatch(r"[0-9a-f-]{36}", started)
+    assert rig_cli(rig, "backup", "watch", started, "--interval", "0.1").returncode == 0
+    assert rig.status(started)["details"][0]["type"] == "full"
+
+
+def test_cli_cancel_makes_the_watch_fail(rig, loop_volumes):
+    volume = loop_volumes("ext4", size_mib=192, seed=32)
+    rig.add_target(volume)
+    rig.agent.set_config("disable_usedblock", "Y")  # a long all-blocks copy to cancel
+    result = rig_cli(rig, "--json", "backup", "start", *volume_args(rig, volume))
+    assert result.returncode == 0
+    backup_id = result.stdout.strip()
+    watcher = subprocess.Popen([APPLIANCE, "--agent", "127.0.0.1:%d" % rig.agent.port, "--ca",
+                                os.path.join(rig.agent.cert_dir, "ca.crt"), "--cert", rig.client.cert,
+                                "--key", rig.client.key, "backup", "watch", backup_id, "--interval", "0.1"],
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    try:
+        wait_for(lambda: rig.status(backup_id)["details"] and
+                 rig.status(backup_id)["details"][0]["transfer"]["bytesTransferred"] > 0,
+                 timeout=120, interval=0.05, what="the copy to start")
+        result = rig_cli(rig, "backup", "cancel", backup_id)
+        assert result.returncode == 0, result.stderr
+        assert result.stdout.startswith("backup %s: cancel requested" % backup_id)
+        out, err = watcher.communicate(timeout=120)
+    finally:
+        if watcher.poll() is None:
+            watcher.kill()
+            watcher.wait()
+    assert watcher.returncode == 1, out + err
+    assert "backup %s failed" % backup_id in out
+    assert all(d["state"] != 3 for d in rig.sim.info()["devices"])
+
+
+def test_cli_host_inventory_lists_the_volume(rig, loop_volumes):
+    volume = loop_volumes("ext4", size_mib=64, fill=False)
+    result = rig_cli(rig, "host")
+    assert result.returncode == 0, result.stderr
+    assert re.search(r"^versions: +agent 1\.0\.16, api 1\.0\.0, driver ", result.stdout, re.M)
+    line = next(line for line in result.stdout.splitlines() if volume.uuid in line)
+    document = json.loads(rig_cli(rig, "--json", "host").stdout)
+    listed = next(v for v in document["volumes"] if v["guid"] == volume.uuid)
+    assert line.split() == [volume.uuid, volume.device, "ext4", "%.1f" % (listed["spaceTotal"] / MIB), "MiB",
+                            "%.1f" % (listed["spaceFree"] / MIB), "MiB", listed["mountpoints"]], line
+    result = rig_cli(rig, "basichost")
+    assert result.returncode == 0 and re.search(r"^os_arch: +\S+$", result.stdout, re.M)

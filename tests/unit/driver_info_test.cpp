@@ -147,6 +147,14 @@ TEST_F(DriverInfoTest, MatchesByExactPathOrByUuidPath) {
   EXPECT_EQ(info_.nextFreeMinor(), 3);
 }
 
+TEST_F(DriverInfoTest, NextFreeMinorSkipsRepeatedNegativeAndWrappedMinors) {
+  ASSERT_TRUE(LoadText(R"({"version":"0.10.0","devices":[{"minor":1},{"minor":0},{"minor":0},{"minor":3}]})"));
+  EXPECT_EQ(info_.nextFreeMinor(), 2);
+  // 4294967296 does not fit a minor and wraps to 0, which is then in use.
+  ASSERT_TRUE(LoadText(R"({"version":"0.10.0","devices":[{"minor":-1},{"minor":4294967296}]})"));
+  EXPECT_EQ(info_.nextFreeMinor(), 1);
+}
+
 TEST_F(DriverInfoTest, ResetEmptiesEverything) {
   ASSERT_TRUE(LoadText(R"({"version":"0.10.0","devices":[{"minor":0},{"minor":2}]})"));
   EXPECT_EQ(info_.nextFreeMinor(), 1);

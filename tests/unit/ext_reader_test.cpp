@@ -94,6 +94,38 @@ TEST(ExtReaderTest, UninitialisedGroupReadsAsUnused) {
   EXPECT_EQ(walk.used, (std::set<uint64_t>{10, 3 * 2048 + 7}));
 }
 
+TEST(ExtReaderTest, BigallocWithOneKibBlocksReadsTheTableAfterTheSuperblock) {
+  // What mkfs.ext4 -b 1024 -O bigalloc -C 4096 writes: the first data block is 0, yet
+  // the superblock is block 1 and the descriptor table block 2. Clusters of 4 blocks,
+  // one group of 512 clusters, its cluster bitmap in block 8.
+  std::vector<uint8_t> image(2048 * 1024);
+  uint8_t* sb = image.data() + 1024;
+  PutLe32(sb, 64);  // inode count: where a table read from block 1 would find a bitmap
+  PutLe32(sb + 4, 2048);
+  PutLe32(sb + 28, 2);  // log cluster size: 4 KiB
+  PutLe32(sb + 32, 2048);
+  PutLe32(sb + 36, 512);
+  PutLe16(sb + 56, 0xEF53);
+  PutLe32(sb + 100, 0x200);  // bigalloc
+  PutLe32(image.data() + 2048, 8);
+  uint8_t* bitmap = image.data() + 8 * 1024;
+  bitmap[0] = 0x0F;
+  bitmap[100 / 8] |= 1u << (100 % 8);
+  UsedBlockWalk walk = WalkUsedBlocks(image, 16);
+  EXPECT_EQ(walk.result, 0);
+  EXPECT_EQ(walk.blockSize, 4096u);
+  EXPECT_EQ(walk.blockCount, 512u);
+  EXPECT_EQ(walk.used, (std::set<uint64_t>{0, 1, 2, 3, 100}));
+
+  // The same with meta_bg from the first group on: group 0's descriptor block is
+  // still block 2.
+  PutLe32(sb + 96, 0x10);
+  PutLe32(sb + 260, 0);
+  walk = WalkUsedBlocks(image, 16);
+  EXPECT_EQ(walk.result, 0);
+  EXPECT_EQ(walk.used, (std::set<uint64_t>{0, 1, 2, 3, 100}));
+}
+
 TEST(ExtReaderTest, StartBlockPastTheEndIsAnError) {
   ExtImage image(1024, 2048, 1024);
   MemoryBlockSource source(image.bytes().data(), image.bytes().size());
@@ -127,7 +159,7 @@ TEST(ExtReaderTest, CorruptSuperblocksAndDescriptorsAreRefused) {
   }
   {
     ExtImage image(1024, 2048, 1024);
-    PutLe32(image.super() + 20, 2047);  // the descriptor table would start past the end
+    PutLe32(image.super() + 20, 2047);  // groups starting anywhere but after the superblock
     EXPECT_EQ(WalkUsedBlocks(image.bytes(), 16).result, -1);
   }
   {

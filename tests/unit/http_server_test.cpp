@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include "api/agent_api.h"
 #include "store/config_table.h"
@@ -97,6 +100,23 @@ TEST_F(HttpServerStart, RestartTimerIsArmedAndDroppedWithTheServer) {
     EXPECT_TRUE(server.scheduleRestart());
   }
   EXPECT_TRUE(Logged("Http server restart in 5 secs..."));
+}
+
+TEST_F(HttpServerStart, ExpiryRestartsOnTheTimerThreadAndRetriesUntilDestroyed) {
+  auto started = std::chrono::steady_clock::now();
+  {
+    HttpServer server(&api_);
+    ASSERT_TRUE(server.scheduleRestart());
+    // No certificates: the restart fails and arms the timer again.
+    while (!Logged("Could not restart api server. Trying again in 5 seconds...") &&
+           std::chrono::steady_clock::now() - started < std::chrono::seconds(20)) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_TRUE(Logged("Could not restart api server. Trying again in 5 seconds..."));
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(4900));
+  }
+  // The destructor does not wait for the pending retry.
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(9));
 }
 
 }  // namespace

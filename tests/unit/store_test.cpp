@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -254,6 +255,40 @@ TEST_F(StoreTest, ConcurrentWritersAreSerialised) {
   EXPECT_EQ(Rows(root_.databasePath(), "SELECT COUNT(*) FROM config WHERE name='shared'"),
             std::vector<std::string>{"1"});
   EXPECT_EQ(Rows(root_.databasePath(), "SELECT COUNT(*) FROM logs"), std::vector<std::string>{"200"});
+}
+
+// Another connection to the file (in another process, as far as SQLite can tell) that
+// holds an exclusive lock for `millis` and then lets go.
+void HoldExclusiveLock(const std::string& path, int millis) {
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+  std::this_thread::sleep_for(std::chrono::milliseconds(millis));
+  sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+  sqlite3_close(db);
+}
+
+TEST_F(StoreTest, StatementsWaitOutABriefLockAndFailOnALongOne) {
+  ASSERT_TRUE(set_config("key", "before"));
+  std::thread brief(HoldExclusiveLock, root_.databasePath(), 300);
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_TRUE(insert_log(2, "", "written after a brief lock"));
+  EXPECT_TRUE(set_config("key", "after"));
+  brief.join();
+
+  std::thread held(HoldExclusiveLock, root_.databasePath(), 2500);
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  auto started = std::chrono::steady_clock::now();
+  std::string value;
+  EXPECT_FALSE(get_config("key", &value));
+  auto waited = std::chrono::steady_clock::now() - started;
+  EXPECT_GE(waited, std::chrono::milliseconds(Database::kBusyTimeoutMs - 50));
+  EXPECT_LT(waited, std::chrono::milliseconds(Database::kBusyTimeoutMs + 1000));
+  held.join();
+  ASSERT_TRUE(get_config("key", &value));
+  EXPECT_EQ(value, "after");
+  EXPECT_EQ(Rows(root_.databasePath(), "SELECT COUNT(*) FROM logs WHERE message = 'written after a brief lock'"),
+            std::vector<std::string>{"1"});
 }
 
 TEST(DatabaseTest, OpenFailsWhileAnotherThreadHoldsTheConnection) {
