@@ -186,6 +186,7 @@ def test_database_versions(agent):
         db.execute("INSERT INTO config (name, value) VALUES ('kept', 'yes')")
     agent.run("get_config")
     assert agent.query("SELECT version FROM about") == [("2.0.0",)]
+    assert agent.query("SELECT value FROM config WHERE name = 'kept'") == [("yes",)]
     with sqlite3.connect(agent.db_path) as db:
         db.execute("DELETE FROM about")
     agent.run("get_config")

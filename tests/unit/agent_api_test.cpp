@@ -104,24 +104,6 @@ TEST_F(AgentApiRouting, HandlersClearTheCacheAndBadRequestsDoNot) {
   EXPECT_EQ(Call(7, "GET", "/config").status, 200);
 }
 
-TEST_F(AgentApiRouting, JsonBodyLimit) {
-  ASSERT_TRUE(set_device_id(42));
-  const std::string head = "{\"log_level\": 2, \"pad\": \"";
-  const std::string tail = "\"}";
-  std::string exact = head + std::string(AgentAPI::kMaxJsonBody - head.size() - tail.size(), 'x') + tail;
-  ASSERT_EQ(exact.size(), AgentAPI::kMaxJsonBody);
-  EXPECT_TRUE(AgentAPI::CheckJsonBody(exact));
-  EXPECT_EQ(Call(42, "POST", "/config", exact).status, 200);
-  std::string value;
-  ASSERT_TRUE(get_config("log_level", &value));
-  EXPECT_EQ(value, "2");
-
-  std::string over = head + std::string(AgentAPI::kMaxJsonBody - head.size() - tail.size() + 1, 'x') + tail;
-  EXPECT_FALSE(AgentAPI::CheckJsonBody(over));
-  EXPECT_EQ(Call(42, "POST", "/config", over).status, 400);
-  EXPECT_EQ(Call(42, "POST", "/pair", over).status, 400);
-}
-
 TEST(GetLogsTimestamp, LocalDateTimeText) {
   EXPECT_EQ(GetLogs::ParseTimestamp("not a time"), 0);
   EXPECT_EQ(GetLogs::ParseTimestamp("2024-01-01 00:00:00 trailing"), 0);

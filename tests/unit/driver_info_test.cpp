@@ -122,15 +122,6 @@ TEST_F(DriverInfoTest, UnreadableFileSetsError101OnTheStatus) {
   EXPECT_FALSE(info_.load(nullptr));
 }
 
-TEST_F(DriverInfoTest, EmptyDeviceListMissesEverything) {
-  ASSERT_TRUE(LoadVersion("0.10.0"));
-  EXPECT_EQ(info_.minorFor("/dev/loop1", "u"), -1);
-  EXPECT_EQ(info_.stateFor("/dev/loop1", "u"), -1);
-  EXPECT_EQ(info_.errorFor("/dev/loop1", "u"), 0);
-  EXPECT_EQ(info_.cowFileFor("/dev/loop1", "u"), "");
-  EXPECT_EQ(info_.nextFreeMinor(), 0);
-}
-
 TEST_F(DriverInfoTest, MatchesByExactPathOrByUuidPath) {
   ASSERT_TRUE(LoadText(R"({"version":"0.10.0","devices":[
       {"minor":0,"state":2,"block_device":""},
@@ -155,13 +146,18 @@ TEST_F(DriverInfoTest, NextFreeMinorSkipsRepeatedNegativeAndWrappedMinors) {
   EXPECT_EQ(info_.nextFreeMinor(), 1);
 }
 
-TEST_F(DriverInfoTest, ResetEmptiesEverything) {
+TEST_F(DriverInfoTest, ResetAndAnEmptyDeviceListMissEverything) {
   ASSERT_TRUE(LoadText(R"({"version":"0.10.0","devices":[{"minor":0},{"minor":2}]})"));
   EXPECT_EQ(info_.nextFreeMinor(), 1);
   info_.reset();
   EXPECT_EQ(info_.version(), nullptr);
   EXPECT_EQ(info_.deviceCount(), 0u);
   EXPECT_EQ(info_.nextFreeMinor(), 0);
+  ASSERT_TRUE(LoadVersion("0.10.0"));
+  EXPECT_EQ(info_.minorFor("/dev/loop1", "u"), -1);
+  EXPECT_EQ(info_.stateFor("/dev/loop1", "u"), -1);
+  EXPECT_EQ(info_.errorFor("/dev/loop1", "u"), 0);
+  EXPECT_EQ(info_.cowFileFor("/dev/loop1", "u"), "");
 }
 
 }  // namespace

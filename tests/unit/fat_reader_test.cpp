@@ -64,18 +64,6 @@ TEST(FatReaderTest, ClusterIsTheUnitWhenTheDataAreaIsAligned) {
   EXPECT_EQ(map.used, expected);
 }
 
-TEST(FatReaderTest, SectorIsTheUnitWhenTheDataAreaIsNotAligned) {
-  FatImage image(4, 33, 2001);  // data at sector 65
-  image.SetEntry(0, 3, 0x0FFFFFFF);
-  UsedBlockWalk map = WalkUsedBlocks(image.bytes(), 8);
-  EXPECT_EQ(map.result, 0);
-  EXPECT_EQ(map.blockSize, 512u);
-  EXPECT_EQ(map.blockCount, 65u + (2001 - 65) / 4 * 4);
-  std::set<uint64_t> expected = Range(0, 65);
-  for (uint64_t b : Range(65 + 4, 4)) expected.insert(b);
-  EXPECT_EQ(map.used, expected);
-}
-
 TEST(FatReaderTest, ReadsTheActiveFatWhenMirroringIsOff) {
   FatImage image(1, 32, 2000);
   image.SetEntry(0, 10, 0x0FFFFFFF);  // stale copy

@@ -7,13 +7,6 @@
 namespace orv {
 namespace {
 
-TEST(JsonValueFormatted, MembersOnePerLineInInsertionOrderWithTabsAndSpacedColon) {
-  JsonValue document = JsonValue::Object();
-  document.add("zeta", JsonValue::String("active"));
-  document.add("alpha", JsonValue::Number(12));
-  EXPECT_EQ(document.WriteFormatted(), "{\n\t\"zeta\" : \"active\",\n\t\"alpha\" : 12\n}");
-}
-
 TEST(JsonValueFormatted, NestedLevelsIndentOneTabPerLevel) {
   JsonValue transfer = JsonValue::Object();
   transfer.add("bytesTransferred", JsonValue::Number(uint64_t{18446744073709551615u}));

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -98,14 +97,8 @@ class NtfsImageTest : public ::testing::Test {
   uint64_t mftOffset_ = 0;
 };
 
-TEST_F(NtfsImageTest, MapsAFreshVolume) {
-  UsedBlockWalk walk = WalkUsedBlocks(image_, 64);
-  EXPECT_EQ(walk.result, 0);
-  // The metadata of a fresh 8 MiB volume, and never all of it.
-  EXPECT_GT(walk.used.size(), 10u);
-  EXPECT_LT(walk.used.size(), 8u << 8);
-}
-
+// A fresh volume is mapped by the used-block system tests; random damage is the ntfs
+// fuzz target's.
 TEST_F(NtfsImageTest, DamagedBitmapRecordIsAnErrorNotACrash) {
   std::vector<uint8_t> torn = image_;
   torn[mftOffset_ + 6 * 1024 + 510] ^= 0xFF;  // breaks the update sequence
@@ -114,20 +107,6 @@ TEST_F(NtfsImageTest, DamagedBitmapRecordIsAnErrorNotACrash) {
   std::vector<uint8_t> huge = image_;
   huge[13] = 0x81;  // 2^127 sectors per cluster
   EXPECT_EQ(WalkUsedBlocks(huge, 64).result, -1);
-
-  std::mt19937 random(11);
-  QuietStderr quiet;
-  int errors = 0;
-  std::vector<uint8_t> damaged;
-  for (int round = 0; round < 300; ++round) {
-    damaged.assign(image_.begin(), image_.end());
-    for (int i = 0; i < 3; ++i) {
-      uint64_t at = round % 3 == 0 ? random() % 512 : mftOffset_ + 6 * 1024 + random() % 1024;
-      damaged[at] = static_cast<uint8_t>(random());
-    }
-    errors += WalkUsedBlocks(damaged, 64).result < 0;
-  }
-  EXPECT_GT(errors, 0);
 }
 
 }  // namespace
