@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
+#include <sstream>
 
 #include "fsmaps/block_source.h"
 #include "fsmaps/used_block_bitmap.h"
@@ -36,17 +38,6 @@ bool LoggedContaining(const std::string& part, int level) {
   std::vector<std::string> messages = LoggedMessages("", level);
   return std::any_of(messages.begin(), messages.end(),
                      [&](const std::string& message) { return message.find(part) != std::string::npos; });
-}
-
-QuietStderr::QuietStderr() : saved_(dup(2)) {
-  int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  dup2(null, 2);
-  close(null);
-}
-
-QuietStderr::~QuietStderr() {
-  dup2(saved_, 2);
-  close(saved_);
 }
 
 void PutLe16(uint8_t* p, uint16_t v) {
@@ -82,6 +73,13 @@ UsedBlockWalk WalkUsedBlocks(std::vector<uint8_t>& image, uint64_t bufferBytes) 
     }
     start += walk.result;
   }
+}
+
+std::string ReadText(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
 }
 
 double SecondsSince(std::chrono::steady_clock::time_point start) {

@@ -31,18 +31,6 @@ bool Logged(const std::string& message, int level = 0);
 // Whether a logged message (at exactly `level` when it is not 0) contains `part`.
 bool LoggedContaining(const std::string& part, int level = 0);
 
-// Keeps the readers' messages about deliberately damaged images off the test log.
-class QuietStderr {
- public:
-  QuietStderr();
-  ~QuietStderr();
-  QuietStderr(const QuietStderr&) = delete;
-  QuietStderr& operator=(const QuietStderr&) = delete;
-
- private:
-  int saved_;
-};
-
 // Little- and big-endian fields of hand-built file-system images.
 void PutLe16(uint8_t* p, uint16_t v);
 void PutLe32(uint8_t* p, uint32_t v);
@@ -59,6 +47,9 @@ struct UsedBlockWalk {
   std::set<uint64_t> used;
 };
 UsedBlockWalk WalkUsedBlocks(std::vector<uint8_t>& image, uint64_t bufferBytes);
+
+// The whole content of a file ("" when it cannot be read).
+std::string ReadText(const std::string& path);
 
 // Seconds since `start`.
 double SecondsSince(std::chrono::steady_clock::time_point start);
