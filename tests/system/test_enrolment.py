@@ -5,7 +5,6 @@ import re
 import socket
 import stat
 import subprocess
-import sys
 import time
 
 import pytest
@@ -297,34 +296,3 @@ def test_a_key_that_cannot_be_replaced_fails_start_up(enrolling, ca):
     assert os.listdir(cert_path(enrolling, "server.key")) == []
     os.rmdir(cert_path(enrolling, "server.key"))
     assert_next_start_enrols(enrolling, ca)
-
-
-def test_the_ca_server_runs_as_a_command(tmp_path, agent_root):
-    """The command the demo uses: port file, modes, state kept across restarts."""
-    port_file = tmp_path / "port"
-    state = tmp_path / "state"
-    command = [sys.executable, ca_server.__file__, "--port-file", str(port_file), "--state-dir", str(state),
-               "--mode", "issueCert=failure"]
-    process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
-    try:
-        line = process.stdout.readline()
-        port = int(port_file.read_text())
-        assert "https://127.0.0.1:%d/certApi.php" % port in line
-        agent_root.env["ORVD_CA_URL"] = "https://127.0.0.1:%d/certApi.php" % port
-        failed_start(agent_root)
-        assert_logged(agent_root, [r"CSR response error: The development CA refuses issueCert for this test\."])
-    finally:
-        process.terminate()
-        assert process.wait(timeout=30) == 0
-    authority_pem = (state / "ca.crt").read_text()
-    assert read(agent_root, "ca.crt") == authority_pem
-
-    process = subprocess.Popen(command[:-2], stdout=subprocess.PIPE, text=True)
-    try:
-        process.stdout.readline()
-        agent_root.env["ORVD_CA_URL"] = "https://127.0.0.1:%d/certApi.php" % int(port_file.read_text())
-        start_and_stop(agent_root)
-        assert read(agent_root, "ca.crt") == authority_pem
-    finally:
-        process.terminate()
-        assert process.wait(timeout=30) == 0
