@@ -2,7 +2,6 @@
 client, for end-to-end backups."""
 import os
 import subprocess
-import time
 
 from agent import wait_for
 from volumes import mount_image_readonly, verify_content, zbdctl_path
@@ -93,19 +92,3 @@ class BackupRig:
             sql += " AND backup_id = ?"
             params.append(backup_id)
         return self.agent.query(sql + " ORDER BY id", params)
-
-    def driver_states(self):
-        return {d["block_device"]: d["state"] for d in self.sim.info()["devices"]}
-
-
-def written_bytes(path):
-    return os.path.getsize(path)
-
-
-def wait_until(predicate, timeout=60):
-    deadline = time.time() + timeout
-    while time.time() < deadline:
-        if predicate():
-            return True
-        time.sleep(0.1)
-    return False

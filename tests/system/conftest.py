@@ -3,6 +3,7 @@ import os
 import pytest
 
 from agent import Agent, pki
+from backup_rig import BackupRig
 from tgt import Tgtd
 
 
@@ -94,7 +95,7 @@ def paired_client(running_agent, appliance):
     return client
 
 # Loop-device volumes and the driver simulator (see volumes.py).
-from volumes import loop_volume, loop_volumes, sim_dir  # noqa: E402,F401
+from volumes import loop_volumes, sim_dir  # noqa: E402,F401
 
 
 @pytest.fixture
@@ -105,7 +106,7 @@ def tgtd(tmp_path):
 
 
 @pytest.fixture
-def tuned_tgtd(tmp_path):
-    """A private tgtd with raised session parameters and malloc thresholds, for throughput."""
-    with Tgtd(tmp_path / "tgtd", tuned=True) as tgt:
-        yield tgt
+def rig(agent, sim_dir, tgtd, client_files, authority, tmp_path):
+    """A BackupRig: the agent serving on the driver simulator with a tgtd target, paired
+    with an appliance client of device 42."""
+    return BackupRig(agent, sim_dir, tgtd, client_files, authority, tmp_path)

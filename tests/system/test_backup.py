@@ -1,15 +1,12 @@
 """Backups end to end: the agent as a process, the driver simulator, loop volumes and
 a real tgtd target, driven over REST as the appliance drives them."""
+import hashlib
 import os
 
 import pytest
 
-from backup_rig import BackupRig
+from agent import wait_for
 
-
-@pytest.fixture
-def rig(agent, sim_dir, tgtd, client_files, authority, tmp_path):
-    return BackupRig(agent, sim_dir, tgtd, client_files, authority, tmp_path)
 
 
 def test_two_volumes_full_backup_end_to_end(rig, loop_volumes):
@@ -53,8 +50,6 @@ def test_second_start_while_running_and_cancel(rig, loop_volumes):
     backup_id = rig.start([volume])
     response = rig.client.request("POST", "/backup", body={"volumes": [rig.volume_request(volume)]})
     assert (response.status, response.text) == (400, "A backup is currently in progress.")
-    rig.wait_copying = None
-    from agent import wait_for
     wait_for(lambda: any(d["transfer"]["bytesTransferred"] > 0 for d in rig.status(backup_id)["details"]),
              timeout=120, interval=0.05, what="the copy to start")
     cancel = rig.client.backup_cancel(backup_id)
@@ -123,7 +118,6 @@ def test_other_file_systems_back_up_and_verify(rig, loop_volumes, fs_type):
     # The next backup of the tracked volume is incremental and still verifies.
     with open(volume.path("after-first-backup.bin"), "wb") as f:
         f.write(os.urandom(300000))
-    import hashlib
     with open(volume.path("after-first-backup.bin"), "rb") as f:
         volume.manifest["after-first-backup.bin"] = hashlib.sha256(f.read()).hexdigest()
     volume.sync()

@@ -4,17 +4,9 @@ import os
 import signal
 import subprocess
 
-import pytest
-
 from agent import wait_for
-from backup_rig import BackupRig
 
 MIB = 1024 * 1024
-
-
-@pytest.fixture
-def rig(agent, sim_dir, tgtd, client_files, authority, tmp_path):
-    return BackupRig(agent, sim_dir, tgtd, client_files, authority, tmp_path)
 
 
 def no_snapshot_left(rig):

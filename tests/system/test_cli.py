@@ -2,12 +2,13 @@
 import os
 import shutil
 import signal
-import socket
 import sqlite3
 import subprocess
 import tempfile
 
 import pytest
+
+from agent import free_port
 
 USAGE = (
     "orvd version 1.0.16\n\n"
@@ -30,12 +31,6 @@ USAGE = (
     "log_days_to_keep #  - override the default number of days (default 30) of logs to keep.\n"
     "log_level #         - specify the log level (0-5) for logging.\n\n"
 )
-
-
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
 
 
 def start_daemon(agent, *args):
@@ -191,6 +186,7 @@ def test_database_versions(agent):
         db.execute("INSERT INTO config (name, value) VALUES ('kept', 'yes')")
     agent.run("get_config")
     assert agent.query("SELECT version FROM about") == [("2.0.0",)]
+    assert agent.query("SELECT value FROM config WHERE name = 'kept'") == [("yes",)]
     with sqlite3.connect(agent.db_path) as db:
         db.execute("DELETE FROM about")
     agent.run("get_config")

@@ -2,17 +2,9 @@
 import re
 import subprocess
 
-import pytest
-
-from backup_rig import BackupRig
 from volumes import device_blocks
 
 SENTINEL = b"ORVSENTINEL-4096"  # 16 bytes, repeated over every block of the LUN
-
-
-@pytest.fixture
-def rig(agent, sim_dir, tgtd, client_files, authority, tmp_path):
-    return BackupRig(agent, sim_dir, tgtd, client_files, authority, tmp_path)
 
 
 def used_blocks(image):

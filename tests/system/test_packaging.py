@@ -9,7 +9,6 @@ import os
 import re
 import shutil
 import signal
-import socket
 import sqlite3
 import stat
 import subprocess
@@ -17,7 +16,7 @@ import time
 
 import pytest
 
-from agent import SOURCE_DIR
+from agent import SOURCE_DIR, free_port
 
 import ca_server
 
@@ -269,12 +268,6 @@ def test_reload_trackers_runs_every_reload_script_once_and_reports_failures(pref
 # -- the Debian package, installed into the real system (opt-in) -------------------------
 
 SYSTEM_PATHS = ("/etc/zelko", "/var/run/orvd.pid", "/usr/sbin/orvd", "/usr/libexec/orvd")
-
-
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
 
 
 def process_alive(pid):

@@ -8,10 +8,7 @@ import re
 import subprocess
 import types
 
-import pytest
-
 from agent import SOURCE_DIR, free_port, wait_for
-from backup_rig import BackupRig
 
 APPLIANCE = os.path.join(SOURCE_DIR, "tools", "appliance", "appliance")
 MIB = 1024 * 1024
@@ -179,11 +176,6 @@ def test_cli_help_for_every_command_and_usage_errors(monkeypatch):
     result = subprocess.run([APPLIANCE, "--ca", "/etc/hostname", "backup", "start", "--volume", "guid=u,bogus=1"],
                             capture_output=True, text=True)
     assert result.returncode == 2 and "unknown volume item 'bogus'" in result.stderr, result.stderr
-
-
-@pytest.fixture
-def rig(agent, sim_dir, tgtd, client_files, authority, tmp_path):
-    return BackupRig(agent, sim_dir, tgtd, client_files, authority, tmp_path)
 
 
 def rig_cli(rig, *args, timeout=300):

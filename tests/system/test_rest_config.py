@@ -111,12 +111,14 @@ def test_unusable_port_falls_back_to_the_default(running_agent, paired):
     assert running_agent.stop() == 0
 
 
-@pytest.mark.parametrize("value", ["0", "65536", "abc", "-1", ""])
+# Every invalid value is a unit case of the server's start; here one that set_config can
+# pass and one that only the database can hold.
+@pytest.mark.parametrize("value", ["65536", ""])
 def test_invalid_port_configuration_is_replaced_at_start(agent, authority, client_files, value):
-    if value and not value.startswith("-"):
+    if value:
         agent.set_config("rest_port", value)
     else:
-        # Values the command line can't pass (empty, or read as an option).
+        # A value the command line cannot pass.
         agent.run("get_config")  # creates the database
         agent.query("INSERT INTO config ( name, value ) VALUES ( 'rest_port', ? )", (value,))
     agent.start(wait=False)

@@ -12,22 +12,15 @@ import os
 import random
 import re
 import shutil
-import subprocess
 import tempfile
-import time
 
 import pytest
+
+from volumes import mount_image, run
 
 USEDCOPY = os.environ.get("ORV_USEDCOPY") or os.path.join(os.environ.get("ORV_BUILD_DIR", "build"), "tests",
                                                           "usedcopy")
 MIB = 1024 * 1024
-
-
-def run(*args, check=True, **kwargs):
-    result = subprocess.run(list(args), capture_output=True, text=True, **kwargs)
-    if check and result.returncode != 0:
-        raise AssertionError(f"{' '.join(args)} exited {result.returncode}:\n{result.stdout}\n{result.stderr}")
-    return result
 
 
 @pytest.fixture
@@ -35,64 +28,6 @@ def workdir():
     path = tempfile.mkdtemp(prefix="orv-usedblocks-")
     yield path
     shutil.rmtree(path, ignore_errors=True)
-
-
-class Loop:
-    """A loop device over an image, detached on exit."""
-
-    def __init__(self, image):
-        self.image = image
-        self.device = None
-
-    def __enter__(self):
-        self.device = run("losetup", "-f", "--show", self.image).stdout.strip()
-        return self.device
-
-    def __exit__(self, *exc):
-        run("losetup", "-d", self.device, check=False)
-
-
-class Mounted:
-    """The image mounted at `point` (through ntfs-3g for NTFS), unmounted on exit."""
-
-    def __init__(self, image, point, fstype, options):
-        self.loop = Loop(image)
-        self.point = point
-        self.fstype = fstype
-        self.options = options
-        self.fuse = None
-
-    def __enter__(self):
-        device = self.loop.__enter__()
-        os.makedirs(self.point, exist_ok=True)
-        try:
-            if self.fstype == "ntfs":
-                # In the foreground, so that its exit tells when every write reached the image.
-                self.fuse = subprocess.Popen(["ntfs-3g", "-o", "no_detach," + self.options, device, self.point],
-                                             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-                deadline = time.monotonic() + 20
-                while not os.path.ismount(self.point):
-                    assert self.fuse.poll() is None and time.monotonic() < deadline, "ntfs-3g did not mount"
-                    time.sleep(0.05)
-            else:
-                run("mount", "-t", self.fstype, "-o", self.options, device, self.point)
-        except BaseException:
-            self.__exit__()
-            raise
-        return self.point
-
-    def __exit__(self, *exc):
-        try:
-            if os.path.ismount(self.point):
-                run("umount", self.point, check=False)
-            if self.fuse is not None:
-                try:
-                    self.fuse.wait(timeout=30)
-                except subprocess.TimeoutExpired:
-                    self.fuse.kill()
-                    self.fuse.wait()
-        finally:
-            self.loop.__exit__()
 
 
 def populate(root, seed, fragment_mib=4, fillers=96, filler_size=64 * 1024):
@@ -264,9 +199,9 @@ def test_ext_copy_of_used_blocks_is_the_same_file_system(workdir, fstype, option
     source = make_image(workdir, "source.img", 64 * MIB)
     run(f"mkfs.{fstype}", "-q", "-F", *options, source)
     # The ext4 driver mounts all three, and knows noload.
-    with Mounted(source, os.path.join(workdir, "src"), "ext4", "rw") as root:
-        populate(root, seed=len(options))
-        expected = tree_digest(root)
+    with mount_image(source, "ext4", os.path.join(workdir, "src"), "rw") as image:
+        populate(image.point, seed=len(options))
+        expected = tree_digest(image.point)
 
     target, info, ours = copy_used(workdir, source, buffer_bytes=512)
     check_pieces(source, info, 512)
@@ -274,7 +209,6 @@ def test_ext_copy_of_used_blocks_is_the_same_file_system(workdir, fstype, option
     assert info["blockSize"] == unit
     assert info["usedBlocks"] == used
     # partclone reads the same bitmaps but rebuilds uninitialised groups: it may only
-    # add what the map leaves out on purpose.
     # add what the map leaves out on purpose. It does not read bigalloc volumes.
     if "bigalloc" not in options:
         theirs = partclone_ranges("partclone.extfs", source, workdir)
@@ -282,8 +216,8 @@ def test_ext_copy_of_used_blocks_is_the_same_file_system(workdir, fstype, option
         assert subtract(subtract(theirs, ours), skipped) == []
 
     run("e2fsck", "-fn", target)
-    with Mounted(target, os.path.join(workdir, "dst"), "ext4", "ro,noload") as root:
-        assert tree_digest(root) == expected
+    with mount_image(target, "ext4", os.path.join(workdir, "dst"), "ro,noload") as image:
+        assert tree_digest(image.point) == expected
 
 
 def write_proto(staging, path):
@@ -310,17 +244,17 @@ def test_xfs_v5_copy_of_used_blocks_is_the_same_file_system(workdir):
     source = make_image(workdir, "source.img", 320 * MIB)
     # 1 KiB blocks and many small holes give the free-space btree interior nodes.
     run("mkfs.xfs", "-q", "-f", "-b", "size=1024", source)
-    with Mounted(source, os.path.join(workdir, "src"), "xfs", "rw") as root:
-        populate(root, seed=7, fillers=800, filler_size=4096)
-        expected = tree_digest(root)
+    with mount_image(source, "xfs", os.path.join(workdir, "src"), "rw") as image:
+        populate(image.point, seed=7, fillers=800, filler_size=4096)
+        expected = tree_digest(image.point)
     levels = [int(v) for v in re.findall(r"bnolevel = (\d+)", run(
         "xfs_db", "-r", "-c", "agf 0", "-c", "p bnolevel", "-c", "agf 1", "-c", "p bnolevel", "-c", "agf 2",
         "-c", "p bnolevel", "-c", "agf 3", "-c", "p bnolevel", source).stdout)]
     assert max(levels) >= 2
 
     target = check_xfs_copy(workdir, source)
-    with Mounted(target, os.path.join(workdir, "dst"), "xfs", "ro,norecovery,nouuid") as root:
-        assert tree_digest(root) == expected
+    with mount_image(target, "xfs", os.path.join(workdir, "dst"), "ro,norecovery,nouuid") as image:
+        assert tree_digest(image.point) == expected
 
 
 def test_xfs_v4_copy_of_used_blocks_is_clean(workdir):
@@ -407,9 +341,9 @@ def test_fat32_copy_of_used_blocks_is_the_same_file_system(workdir, name, mib, o
 def test_ntfs_copy_of_used_blocks_is_the_same_file_system(workdir):
     source = make_image(workdir, "source.img", 96 * MIB)
     run("mkntfs", "-q", "-F", "-f", source)
-    with Mounted(source, os.path.join(workdir, "src"), "ntfs", "rw") as root:
-        populate(root, seed=5)
-        expected = tree_digest(root)
+    with mount_image(source, "ntfs", os.path.join(workdir, "src"), "rw") as image:
+        populate(image.point, seed=5)
+        expected = tree_digest(image.point)
 
     target, info, ours = copy_used(workdir, source, buffer_bytes=64)
     check_pieces(source, info, 64)
@@ -420,8 +354,8 @@ def test_ntfs_copy_of_used_blocks_is_the_same_file_system(workdir):
     assert ours == merge(theirs + [backup])
 
     run("ntfsfix", "-n", target)
-    with Mounted(target, os.path.join(workdir, "dst"), "ntfs", "ro") as root:
-        assert tree_digest(root) == expected
+    with mount_image(target, "ntfs", os.path.join(workdir, "dst"), "ro") as image:
+        assert tree_digest(image.point) == expected
 
 
 def test_unknown_and_damaged_devices(workdir):

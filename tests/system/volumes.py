@@ -4,13 +4,14 @@ A `LoopVolume` is a sparse image file on a loop device, formatted with ext2, ext
 xfs or ntfs (through ntfs-3g, which names the loop device as its mount source) and mounted
 read-write. `fill_volume` writes known content (many small files, some large ones, a few
 sparse ones) and returns a manifest that `verify_content` checks a copy against.
-`mount_image_readonly` mounts a captured image to look inside it. `SimDir` is a
+`mount_image_readonly` mounts a captured image to look inside it (`mount_image` with other
+options). `SimDir` is a
 ZELKO_SIM_DIR for the driver simulator with a helper that runs zbdctl.
 
 Everything is torn down by what created it, also when a test fails: file systems are
 thawed and unmounted, ntfs-3g processes (started by us, in the foreground) are waited for,
 loop devices are detached only while they still hold our image, and the teardown checks
-that nothing is left. The pytest fixtures `loop_volumes`, `loop_volume` and `sim_dir` wrap
+that nothing is left. The pytest fixtures `loop_volumes` and `sim_dir` wrap
 these; conftest.py registers them.
 """
 
@@ -286,16 +287,18 @@ class LoopVolume:
 
 
 class ReadOnlyImage:
-    """An image file (a captured snapshot) attached read-only and mounted without
-    replaying its journal, to look at the files it holds."""
+    """An image file (a captured snapshot, a copy) on a loop device of its own, mounted at
+    `point`: by default read-only without replaying its journal, to look at its files.
+    Other `options` that do not start with "ro" attach it read-write."""
 
     OPTIONS = {"ext2": "ro", "ext3": "ro,noload", "ext4": "ro,noload", "xfs": "ro,norecovery,nouuid", "ntfs": "ro"}
 
-    def __init__(self, image, fs_type, point):
+    def __init__(self, image, fs_type, point, options=None):
         self.image = image
         self.point = point
-        self.device = _attach(image, read_only=True)
-        self._mount = _Mount(self.device, point, fs_type, self.OPTIONS[fs_type])
+        options = options or self.OPTIONS[fs_type]
+        self.device = _attach(image, read_only=options.split(",")[0] == "ro")
+        self._mount = _Mount(self.device, point, fs_type, options)
         try:
             self._mount.mount()
         except BaseException:
@@ -308,7 +311,7 @@ class ReadOnlyImage:
         if os.path.isdir(self.point) and mounted_at(self.point) is None:
             os.rmdir(self.point)
         if problems or loops_of(self.image):
-            raise VolumeError(f"read-only image {self.image} left behind: {problems} {loops_of(self.image)}")
+            raise VolumeError(f"image {self.image} left behind: {problems} {loops_of(self.image)}")
 
     def __enter__(self):
         return self
@@ -319,6 +322,11 @@ class ReadOnlyImage:
 
 def mount_image_readonly(image, fs_type, point):
     return ReadOnlyImage(image, fs_type, point)
+
+
+def mount_image(image, fs_type, point, options):
+    """The image mounted at `point` with `options`; leave the `with` block to unmount it."""
+    return ReadOnlyImage(image, fs_type, point, options)
 
 
 def _content(rng, size):
@@ -616,12 +624,6 @@ def loop_volumes(tmp_path):
             problems.append(str(e))
     if problems:
         pytest.fail("volumes left behind: " + "; ".join(problems))
-
-
-@pytest.fixture(params=FS_TYPES)
-def loop_volume(request, loop_volumes):
-    """One mounted, filled volume of each file-system type in turn."""
-    return loop_volumes(request.param)
 
 
 @pytest.fixture

@@ -6,25 +6,17 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "identity/gnutls_object.h"
+#include "tests/unit/test_support.h"
 
 namespace orv {
 namespace {
-
-std::string ReadText(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 gnutls_datum_t Datum(const std::string& text) {
   return {reinterpret_cast<unsigned char*>(const_cast<char*>(text.data())), static_cast<unsigned>(text.size())};
@@ -52,10 +44,7 @@ class CertificateToolsTest : public ::testing::Test {
     keyPath_ = dir_ + "/server.key";
     csrPath_ = dir_ + "/server.csr";
   }
-  void TearDown() override {
-    std::string command = "rm -rf '" + dir_ + "'";
-    ASSERT_EQ(system(command.c_str()), 0);
-  }
+  void TearDown() override { std::filesystem::remove_all(dir_); }
 
   std::string dir_;
   std::string keyPath_;
@@ -63,80 +52,8 @@ class CertificateToolsTest : public ::testing::Test {
   CertificateTools tools_;
 };
 
-TEST_F(CertificateToolsTest, WritesKeyOwnerOnlyAndRequestWithStandardLabel) {
-  ASSERT_EQ(tools_.create("agent.example", keyPath_, csrPath_), "");
-
-  struct stat info;
-  ASSERT_EQ(stat(keyPath_.c_str(), &info), 0);
-  EXPECT_TRUE(S_ISREG(info.st_mode));
-  EXPECT_EQ(info.st_mode & 07777, 0600u);
-  std::string key = ReadText(keyPath_);
-  EXPECT_EQ(key.rfind("-----BEGIN ", 0), 0u) << key;
-  EXPECT_NE(key.find("PRIVATE KEY-----\n"), std::string::npos);
-  EXPECT_EQ(key.find('\0'), std::string::npos);
-
-  std::string csr = ReadText(csrPath_);
-  EXPECT_EQ(csr.rfind("-----BEGIN CERTIFICATE REQUEST-----\n", 0), 0u) << csr;
-  EXPECT_NE(csr.find("-----END CERTIFICATE REQUEST-----"), std::string::npos) << csr;
-  EXPECT_EQ(csr.find("NEW"), std::string::npos) << csr;
-  EXPECT_EQ(csr.find('\0'), std::string::npos);
-
-  // Nothing but the two files: no temporary file is left behind.
-  EXPECT_EQ(DirectoryEntries(dir_), (std::vector<std::string>{"server.csr", "server.key"}));
-}
-
-TEST_F(CertificateToolsTest, RequestCarriesSubjectInOrderAndVerifiesWithKey) {
-  ASSERT_EQ(tools_.create("agent.example", keyPath_, csrPath_), "");
-
-  CertificateRequest crq;
-  ASSERT_TRUE(crq.ok());
-  std::string csr = ReadText(csrPath_);
-  gnutls_datum_t csrDatum = Datum(csr);
-  ASSERT_EQ(gnutls_x509_crq_import(crq.get(), &csrDatum, GNUTLS_X509_FMT_PEM), 0);
-
-  const std::vector<std::pair<std::string, std::string>> expected = {
-      {"2.5.4.6", "US"},
-      {"2.5.4.8", CertificateTools::kState},
-      {"2.5.4.7", CertificateTools::kLocality},
-      {"2.5.4.10", "Zelko"},
-      {"2.5.4.11", "Device-Agent CA"},
-      {"2.5.4.3", "agent.example"},
-  };
-  for (size_t i = 0; i < expected.size(); ++i) {
-    char oid[128];
-    size_t oidSize = sizeof(oid);
-    ASSERT_EQ(gnutls_x509_crq_get_dn_oid(crq.get(), static_cast<unsigned>(i), oid, &oidSize), 0) << i;
-    EXPECT_EQ(std::string(oid), expected[i].first) << i;
-    char value[256];
-    size_t valueSize = sizeof(value);
-    ASSERT_EQ(gnutls_x509_crq_get_dn_by_oid(crq.get(), oid, 0, 0, value, &valueSize), 0) << oid;
-    EXPECT_EQ(std::string(value, valueSize), expected[i].second) << oid;
-  }
-  char extra[128];
-  size_t extraSize = sizeof(extra);
-  EXPECT_EQ(gnutls_x509_crq_get_dn_oid(crq.get(), 6, extra, &extraSize), GNUTLS_E_REQUESTED_DATA_NOT_AVAILABLE);
-
-  EXPECT_EQ(gnutls_x509_crq_get_version(crq.get()), 1);
-  EXPECT_EQ(gnutls_x509_crq_get_signature_algorithm(crq.get()), GNUTLS_SIGN_RSA_SHA256);
-  unsigned bits = 0;
-  EXPECT_EQ(gnutls_x509_crq_get_pk_algorithm(crq.get(), &bits), GNUTLS_PK_RSA);
-  EXPECT_EQ(bits, 2048u);
-  EXPECT_EQ(gnutls_x509_crq_verify(crq.get(), 0), 0);
-
-  // The request holds the public half of the written key.
-  X509PrivateKey key;
-  ASSERT_TRUE(key.ok());
-  std::string keyPem = ReadText(keyPath_);
-  gnutls_datum_t keyDatum = Datum(keyPem);
-  ASSERT_EQ(gnutls_x509_privkey_import(key.get(), &keyDatum, GNUTLS_X509_FMT_PEM), 0);
-  unsigned char keyId[64], requestId[64];
-  size_t keyIdSize = sizeof(keyId), requestIdSize = sizeof(requestId);
-  ASSERT_EQ(gnutls_x509_privkey_get_key_id(key.get(), 0, keyId, &keyIdSize), 0);
-  ASSERT_EQ(gnutls_x509_crq_get_key_id(crq.get(), 0, requestId, &requestIdSize), 0);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(keyId), keyIdSize),
-            std::string(reinterpret_cast<char*>(requestId), requestIdSize));
-}
-
+// The key's mode, the request's label, subject, key size and signature, and that nothing
+// but the identity's files is left, are checked on every enrolment of the system tests.
 TEST_F(CertificateToolsTest, ReplacesExistingFilesWithoutFollowingLinks) {
   std::string victim = dir_ + "/victim";
   std::ofstream(victim) << "keep me";

@@ -49,7 +49,7 @@ TEST_F(ImageChecksumTest, IsTheCrc32OfTheFirstTenMebibytesOfTheImage) {
   std::string checksum;
   ASSERT_TRUE(GetImageChecksum(Volume(offset), checksum));
   EXPECT_EQ(checksum, ZlibCrc32Text(image.data(), kImageChecksumBytes));
-  EXPECT_EQ(LoggedMessages(root_, "starting getImageChecksum").size(), 1u);
+  EXPECT_EQ(LoggedMessages("starting getImageChecksum").size(), 1u);
 
   // What follows the first 10 MiB does not count; a byte inside does.
   image[kImageChecksumBytes] ^= 0xff;
@@ -78,20 +78,20 @@ TEST_F(ImageChecksumTest, AnImageOffsetBeyondTheLunCannotBeSummed) {
   EXPECT_FALSE(GetImageChecksum(Volume(static_cast<int64_t>(lunBytes_) + 512), checksum));
   EXPECT_EQ(checksum, "unchanged");
   EXPECT_EQ(status_.errorMessage(), "Could not seek on target device.");
-  EXPECT_EQ(LoggedMessages(root_, "Iscsi seek failed: 22").size(), 1u);
+  EXPECT_EQ(LoggedMessages("Iscsi seek failed: 22").size(), 1u);
   // At the very end there is nothing to read.
   EXPECT_FALSE(GetImageChecksum(Volume(static_cast<int64_t>(lunBytes_)), checksum));
   EXPECT_EQ(status_.errorMessage(), "Could not read from target device.");
-  EXPECT_EQ(LoggedMessages(root_, "Read from iscsi target failed: ").size(), 1u);
+  EXPECT_EQ(LoggedMessages("Read from iscsi target failed: ").size(), 1u);
 }
 
 TEST_F(ImageChecksumTest, ReachabilityIsALoginToTheVolumesLun) {
   EXPECT_TRUE(IsTargetReachable(Volume(0), 1));
   EXPECT_FALSE(IsTargetReachable(Volume(0), 5));
   EXPECT_TRUE(CheckTargetReachable(Volume(0)));
-  EXPECT_EQ(LoggedMessages(root_, "Checking if target is reachable for lun: 5").size(), 1u);
-  EXPECT_EQ(LoggedMessages(root_, "Results of checking if target is reachable for lun: 5, 0").size(), 1u);
-  EXPECT_EQ(LoggedMessages(root_, "Results of checking if target is reachable for lun: 1, 1").size(), 2u);
+  EXPECT_EQ(LoggedMessages("Checking if target is reachable for lun: 5").size(), 1u);
+  EXPECT_EQ(LoggedMessages("Results of checking if target is reachable for lun: 5, 0").size(), 1u);
+  EXPECT_EQ(LoggedMessages("Results of checking if target is reachable for lun: 1, 1").size(), 2u);
   EXPECT_EQ(status_.errorMessage(), "");
 }
 
@@ -101,8 +101,8 @@ TEST_F(ImageChecksumTest, AnUnreachableTargetGivesOneErrorNamingItsAddress) {
   EXPECT_FALSE(CheckTargetReachable(volume));
   EXPECT_EQ(status_.errorMessage(),
             "Could not connect to ISCSI target storage, check firewall settings to allow access to " + tgtd_.Portal());
-  EXPECT_EQ(LoggedMessages(root_, "Error to taloq: ").size(), 1u);
-  EXPECT_EQ(LoggedMessages(root_, "Backup target unreachable.").size(), 1u);
+  EXPECT_EQ(LoggedMessages("Error to taloq: ").size(), 1u);
+  EXPECT_EQ(LoggedMessages("Backup target unreachable.").size(), 1u);
   std::string checksum;
   EXPECT_FALSE(GetImageChecksum(volume, checksum));
   EXPECT_EQ(checksum, "");

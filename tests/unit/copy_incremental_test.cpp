@@ -3,15 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <set>
-#include <vector>
+#include <string>
 
 #include "api/all_backup_status.h"
-#include "tests/unit/agent_root.h"
-#include "tests/unit/tgtd_fixture.h"
+#include "daemon/file_util.h"
+#include "tests/unit/iscsi_test_support.h"
 #include "transfer/iscsi_block_device.h"
 
 namespace orv {
@@ -20,35 +18,24 @@ namespace {
 constexpr uint64_t kBlock = 4096;
 constexpr uint64_t kVolumeBlocks = 4096;  // a 16 MiB volume
 
-std::vector<char> ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<char>(std::istreambuf_iterator<char>(in), {});
-}
-
-void WriteFile(const std::string& path, const std::vector<char>& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
-
 // A change map: the driver's 4096-byte header, then one word per block.
 void WriteMap(const std::string& path, uint64_t entries, const std::set<uint64_t>& changed) {
-  std::vector<char> bytes(4096 + entries * 8, 0);
+  std::string bytes(4096 + entries * 8, '\0');
   for (uint64_t block : changed) bytes[4096 + block * 8] = 1;
-  WriteFile(path, bytes);
+  ASSERT_EQ(WriteWholeFile(path, bytes), 0);
 }
 
-class CopyIncrementalTest : public ::testing::Test {
+class CopyIncrementalTest : public IscsiTargetTest {
  protected:
+  CopyIncrementalTest() : IscsiTargetTest(kVolumeBlocks * kBlock) {}
+
   void SetUp() override {
-    ASSERT_TRUE(root_.initialiseDatabase());
-    ASSERT_TRUE(tgtd_.Start());
-    ASSERT_TRUE(tgtd_.AddTarget(1, "iqn.2026-11.org.orvd.test:inc"));
-    ASSERT_TRUE(tgtd_.AddLun(1, 1, kVolumeBlocks * kBlock, &lun_));
+    ASSERT_NO_FATAL_FAILURE(IscsiTargetTest::SetUp());
     snapshot_ = root_.root() + "/snapshot";
-    std::vector<char> data(kVolumeBlocks * kBlock);
+    std::string data(kVolumeBlocks * kBlock, '\0');
     std::mt19937 random(7);
     for (char& c : data) c = static_cast<char>(random());
-    WriteFile(snapshot_, data);
+    ASSERT_EQ(WriteWholeFile(snapshot_, data), 0);
     job_.backupId = "b";
     job_.volumeUuid = "u";
     job_.status = &status_;
@@ -61,7 +48,7 @@ class CopyIncrementalTest : public ::testing::Test {
   }
 
   bool Copy() {
-    IscsiBlockDevice device("iqn.2026-11.org.orvd.test:inc", tgtd_.Portal(), 1, "", "");
+    IscsiBlockDevice device(kIqn, tgtd_.Portal(), 1, "", "");
     if (!device.Connect()) return false;
     bool ok = CopyIncrementalAllBlocks(job_, device);
     device.Disconnect();
@@ -70,21 +57,15 @@ class CopyIncrementalTest : public ::testing::Test {
 
   // The blocks of the LUN that now hold the snapshot's data.
   std::set<uint64_t> WrittenBlocks() {
-    std::vector<char> lun = ReadFile(lun_);
-    std::vector<char> snapshot = ReadFile(snapshot_);
+    std::string lun = ReadText(lunPath_);
+    std::string snapshot = ReadText(snapshot_);
     std::set<uint64_t> written;
     for (uint64_t b = 0; b < kVolumeBlocks; ++b) {
-      if (std::equal(lun.begin() + static_cast<long>(b * kBlock), lun.begin() + static_cast<long>((b + 1) * kBlock),
-                     snapshot.begin() + static_cast<long>(b * kBlock))) {
-        written.insert(b);
-      }
+      if (lun.compare(b * kBlock, kBlock, snapshot, b * kBlock, kBlock) == 0) written.insert(b);
     }
     return written;
   }
 
-  AgentRoot root_;
-  TgtdFixture tgtd_;
-  std::string lun_;
   std::string snapshot_;
   AllBackupStatus status_{"b"};
   std::atomic<bool> cancelled_{false};
@@ -123,7 +104,7 @@ TEST_F(CopyIncrementalTest, AnAllZeroMapCopiesNothingAndSucceeds) {
 
 TEST_F(CopyIncrementalTest, MapsThatCannotBeTrustedFailAndSaySo) {
   // Shorter than its header, shorter than the volume, a short history, no map at all.
-  WriteFile(job_.changeMapPath, std::vector<char>(100, 1));
+  ASSERT_EQ(WriteWholeFile(job_.changeMapPath, std::string(100, 1)), 0);
   EXPECT_FALSE(Copy());
   EXPECT_TRUE(job_.changeMapBroken);
 

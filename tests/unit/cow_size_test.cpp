@@ -3,17 +3,15 @@
 #include <gtest/gtest.h>
 
 #include "store/configs.h"
-#include "tests/unit/agent_root.h"
+#include "tests/unit/test_support.h"
 
 namespace orv {
 namespace {
 
 constexpr uint64_t kGiB = 1ULL << 30;
 
-class CowSizeTest : public ::testing::Test {
+class CowSizeTest : public AgentRootTest {
  protected:
-  void SetUp() override { ASSERT_TRUE(root_.initialiseDatabase()); }
-  AgentRoot root_;
   Configs configs_;
 };
 

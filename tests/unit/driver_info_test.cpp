@@ -3,37 +3,26 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "api/all_backup_status.h"
 #include "daemon/file_util.h"
 #include "daemon/logger.h"
-#include "store/database_maintainer.h"
+#include "tests/unit/test_support.h"
 
 namespace orv {
 namespace {
 
-// A private agent directory (database for the log lines) and driver status file.
-class DriverInfoTest : public ::testing::Test {
+// A private agent root (database for the log lines) and driver status file.
+class DriverInfoTest : public AgentRootTest {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/orv-driverinfo-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-    infoPath_ = dir_ + "/zelko-info";
-    setenv("ORVD_ETC_DIR", dir_.c_str(), 1);
+    ASSERT_NO_FATAL_FAILURE(AgentRootTest::SetUp());
+    infoPath_ = root_.root() + "/zelko-info";
     setenv("ORVD_DRIVER_INFO", infoPath_.c_str(), 1);
-    DatabaseMaintainer maintainer;
-    ASSERT_TRUE(maintainer.initialise());
-    maintainer.close();
   }
-  void TearDown() override {
-    unsetenv("ORVD_ETC_DIR");
-    unsetenv("ORVD_DRIVER_INFO");
-    std::filesystem::remove_all(dir_);
-  }
+  void TearDown() override { unsetenv("ORVD_DRIVER_INFO"); }
 
   bool LoadText(const std::string& text, AllBackupStatus* status = nullptr) {
     EXPECT_EQ(WriteWholeFile(infoPath_, text), 0);
@@ -43,23 +32,6 @@ class DriverInfoTest : public ::testing::Test {
   bool LoadVersion(const std::string& version) {
     return LoadText("{\"version\":\"" + version + "\",\"devices\":[]}");
   }
-  std::vector<std::string> Messages(int level) {
-    std::vector<LogRow> rows;
-    EXPECT_TRUE(ReadLogs(level, 0, "", "", &rows));
-    std::vector<std::string> messages;
-    for (const LogRow& row : rows) {
-      if (row.level == level) messages.push_back(row.message);
-    }
-    return messages;
-  }
-  bool Logged(int level, const std::string& message) {
-    for (const std::string& text : Messages(level)) {
-      if (text == message) return true;
-    }
-    return false;
-  }
-
-  std::string dir_;
   std::string infoPath_;
   DriverInfo info_;
 };
@@ -78,8 +50,8 @@ TEST_F(DriverInfoTest, SortsDevicesByMinorAndDumpsThem) {
   EXPECT_EQ(info_.devices()[3].block_device, "/dev/other");
   EXPECT_EQ(info_.nextFreeMinor(), 2);
   EXPECT_EQ(info_.errorFor("/dev/loop1", "x"), -5);
-  EXPECT_TRUE(Logged(kInfo, "Driver information parsed"));
-  std::vector<std::string> debug = Messages(kDebug);
+  EXPECT_TRUE(Logged("Driver information parsed", kInfo));
+  std::vector<std::string> debug = LoggedMessages("", kDebug);
   ASSERT_GE(debug.size(), 6u);
   EXPECT_EQ(std::vector<std::string>(debug.begin(), debug.begin() + 6),
             (std::vector<std::string>{"DRIVER DEVICE:", "\tMINOR: 0", "\tSTATE: 3", "\tCOWFILE: /.zelko",
@@ -112,15 +84,15 @@ TEST_F(DriverInfoTest, VersionCheck) {
   EXPECT_TRUE(LoadVersion("1.0.0"));
   ASSERT_NE(info_.version(), nullptr);
   EXPECT_EQ(info_.version()->ToString(), "1.0.0-0");
-  EXPECT_FALSE(Logged(kCritical, "Could not load driver info: Incompatible driver version."));
+  EXPECT_FALSE(Logged("Could not load driver info: Incompatible driver version.", kCritical));
 
   EXPECT_FALSE(LoadVersion("0.9.99"));
-  EXPECT_TRUE(Logged(kCritical, "Could not load driver info: Incompatible driver version."));
+  EXPECT_TRUE(Logged("Could not load driver info: Incompatible driver version.", kCritical));
   // Text that does not start with a number reads as 0.0.0-0: incompatible, not invalid.
   EXPECT_FALSE(LoadVersion("v0.10.0"));
   ASSERT_NE(info_.version(), nullptr);
   EXPECT_EQ(info_.version()->ToString(), "0.0.0-0");
-  EXPECT_FALSE(Logged(kCritical, "Could not load driver info: Invalid driver version."));
+  EXPECT_FALSE(Logged("Could not load driver info: Invalid driver version.", kCritical));
 }
 
 TEST_F(DriverInfoTest, MissingVersionOrBrokenJsonIsInvalid) {
@@ -128,14 +100,14 @@ TEST_F(DriverInfoTest, MissingVersionOrBrokenJsonIsInvalid) {
   EXPECT_EQ(info_.version(), nullptr);
   // The devices parsed before the failure stay; the caller does not use them.
   EXPECT_EQ(info_.deviceCount(), 1u);
-  EXPECT_TRUE(Logged(kCritical, "Could not load driver info: Invalid driver version."));
+  EXPECT_TRUE(Logged("Could not load driver info: Invalid driver version.", kCritical));
 
   EXPECT_FALSE(LoadText(R"({"version":"0.10.0","devices":[{"minor":1},)"));
   EXPECT_EQ(info_.version(), nullptr);
   EXPECT_EQ(info_.deviceCount(), 0u);
   EXPECT_FALSE(LoadText("[\"0.10.0\"]"));
-  EXPECT_EQ(Messages(kCritical).size(), 3u);
-  EXPECT_EQ(Messages(kInfo).size(), 2u);  // the broken document is not "parsed"
+  EXPECT_EQ(LoggedMessages("", kCritical).size(), 3u);
+  EXPECT_EQ(LoggedMessages("", kInfo).size(), 2u);  // the broken document is not "parsed"
 }
 
 TEST_F(DriverInfoTest, UnreadableFileSetsError101OnTheStatus) {
@@ -145,18 +117,9 @@ TEST_F(DriverInfoTest, UnreadableFileSetsError101OnTheStatus) {
   EXPECT_EQ(status.errorCode(), kErrorDriverNotLoaded);
   EXPECT_EQ(status.errorMessage(),
             "Driver not loaded. Kernel headers are probably incorrect, fix that and reinstall zelkobd.");
-  EXPECT_TRUE(Logged(kCritical, "Could not load driver info. Driver not loaded or installed."));
+  EXPECT_TRUE(Logged("Could not load driver info. Driver not loaded or installed.", kCritical));
   // Without a status only the log line remains.
   EXPECT_FALSE(info_.load(nullptr));
-}
-
-TEST_F(DriverInfoTest, EmptyDeviceListMissesEverything) {
-  ASSERT_TRUE(LoadVersion("0.10.0"));
-  EXPECT_EQ(info_.minorFor("/dev/loop1", "u"), -1);
-  EXPECT_EQ(info_.stateFor("/dev/loop1", "u"), -1);
-  EXPECT_EQ(info_.errorFor("/dev/loop1", "u"), 0);
-  EXPECT_EQ(info_.cowFileFor("/dev/loop1", "u"), "");
-  EXPECT_EQ(info_.nextFreeMinor(), 0);
 }
 
 TEST_F(DriverInfoTest, MatchesByExactPathOrByUuidPath) {
@@ -183,13 +146,18 @@ TEST_F(DriverInfoTest, NextFreeMinorSkipsRepeatedNegativeAndWrappedMinors) {
   EXPECT_EQ(info_.nextFreeMinor(), 1);
 }
 
-TEST_F(DriverInfoTest, ResetEmptiesEverything) {
+TEST_F(DriverInfoTest, ResetAndAnEmptyDeviceListMissEverything) {
   ASSERT_TRUE(LoadText(R"({"version":"0.10.0","devices":[{"minor":0},{"minor":2}]})"));
   EXPECT_EQ(info_.nextFreeMinor(), 1);
   info_.reset();
   EXPECT_EQ(info_.version(), nullptr);
   EXPECT_EQ(info_.deviceCount(), 0u);
   EXPECT_EQ(info_.nextFreeMinor(), 0);
+  ASSERT_TRUE(LoadVersion("0.10.0"));
+  EXPECT_EQ(info_.minorFor("/dev/loop1", "u"), -1);
+  EXPECT_EQ(info_.stateFor("/dev/loop1", "u"), -1);
+  EXPECT_EQ(info_.errorFor("/dev/loop1", "u"), 0);
+  EXPECT_EQ(info_.cowFileFor("/dev/loop1", "u"), "");
 }
 
 }  // namespace

@@ -8,12 +8,11 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "daemon/logger.h"
-#include "store/database_maintainer.h"
+#include "tests/unit/test_support.h"
 
 namespace orv {
 namespace {
@@ -23,24 +22,15 @@ constexpr uint64_t kTmpfsMagic = 0x01021994;
 
 // COW-like files on the real file system under /tmp, and a private agent database
 // so that the skipper's log lines can be read back.
-class FileSkipperTest : public ::testing::Test {
+class FileSkipperTest : public AgentRootTest {
  protected:
   void SetUp() override {
-    char dir[] = "/tmp/orv-skipper-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    dir_ = dir;
-    setenv("ORVD_ETC_DIR", dir_.c_str(), 1);
-    DatabaseMaintainer maintainer;
-    ASSERT_TRUE(maintainer.initialise());
-    maintainer.close();
+    ASSERT_NO_FATAL_FAILURE(AgentRootTest::SetUp());
+    dir_ = root_.root();
     struct statfs info;
     ASSERT_EQ(statfs(dir_.c_str(), &info), 0);
     if (static_cast<uint64_t>(info.f_type) != kExt4Magic) GTEST_SKIP() << "/tmp is not ext2/3/4 here";
     blockSize_ = static_cast<uint64_t>(info.f_bsize);
-  }
-  void TearDown() override {
-    unsetenv("ORVD_ETC_DIR");
-    std::filesystem::remove_all(dir_);
   }
 
   // Writes one block of data at each of `blocks` (file block numbers), leaving
@@ -67,21 +57,6 @@ class FileSkipperTest : public ::testing::Test {
     return rc == 0 ? static_cast<uint64_t>(b) : 0;
   }
 
-  std::vector<std::string> Logs(int level) {
-    std::vector<LogRow> rows;
-    EXPECT_TRUE(ReadLogs(level, 0, "backup-1", "", &rows));
-    std::vector<std::string> messages;
-    for (const LogRow& row : rows) messages.push_back(row.message);
-    return messages;
-  }
-
-  bool Logged(int level, const std::string& text) {
-    for (const std::string& message : Logs(level)) {
-      if (message == text) return true;
-    }
-    return false;
-  }
-
   std::string dir_;
   uint64_t blockSize_ = 0;
 };
@@ -101,11 +76,11 @@ TEST_F(FileSkipperTest, SkipsTheBlocksOfASparseFileButNeverItsHoles) {
   for (const auto& [lo, hi] : skipper.extents()) extentBlocks += hi - lo + 1;
   EXPECT_EQ(extentBlocks, 5u);
   EXPECT_EQ(skipper.extentCount(), skipper.extents().size());
-  EXPECT_TRUE(Logged(kDebug, "Creating cow file block list..."));
-  EXPECT_TRUE(Logged(kDebug, "Loading block list for " + path));
-  EXPECT_TRUE(Logged(kDebug, "Skipping 5 out of 12 blocks " + std::to_string(5 * blockSize_) + " out of " +
-                                 std::to_string(12 * blockSize_) + " bytes"));
-  EXPECT_TRUE(Logged(kDebug, "Finished creating cow file block list."));
+  EXPECT_TRUE(Logged("Creating cow file block list...", kDebug));
+  EXPECT_TRUE(Logged("Loading block list for " + path, kDebug));
+  EXPECT_TRUE(Logged("Skipping 5 out of 12 blocks " + std::to_string(5 * blockSize_) + " out of " +
+                                 std::to_string(12 * blockSize_) + " bytes", kDebug));
+  EXPECT_TRUE(Logged("Finished creating cow file block list.", kDebug));
 }
 
 TEST_F(FileSkipperTest, BlockSizeMismatchSkipsNothing) {
@@ -114,8 +89,8 @@ TEST_F(FileSkipperTest, BlockSizeMismatchSkipsNothing) {
   uint64_t other = blockSize_ == 1024 ? 4096 : 1024;
   EXPECT_FALSE(skipper.IsCowFileBlock(Physical(path, 0), other));
   EXPECT_TRUE(skipper.extents().empty());
-  EXPECT_TRUE(Logged(kError, "Unable to skip blocks for " + path + ", error: Block size mismatch, device: " +
-                                 std::to_string(other) + " fibgetbz: " + std::to_string(blockSize_)));
+  EXPECT_TRUE(Logged("Unable to skip blocks for " + path + ", error: Block size mismatch, device: " +
+                                 std::to_string(other) + " fibgetbz: " + std::to_string(blockSize_), kError));
 }
 
 TEST_F(FileSkipperTest, DisabledSkipperNeverBuilds) {
@@ -123,7 +98,7 @@ TEST_F(FileSkipperTest, DisabledSkipperNeverBuilds) {
   FileSkipper skipper({path}, "backup-1", true);
   EXPECT_FALSE(skipper.IsCowFileBlock(Physical(path, 0), blockSize_));
   EXPECT_FALSE(skipper.built());
-  EXPECT_TRUE(Logs(kDebug).empty());
+  EXPECT_TRUE(LoggedMessages("", 0, "backup-1").empty());
 }
 
 TEST_F(FileSkipperTest, UnreadableFileIsLoggedAndTheNextOneStillLoads) {
@@ -131,7 +106,7 @@ TEST_F(FileSkipperTest, UnreadableFileIsLoggedAndTheNextOneStillLoads) {
   std::string path = WriteFile("cow1", {3});
   FileSkipper skipper({missing, path}, "backup-1", false);
   EXPECT_TRUE(skipper.IsCowFileBlock(Physical(path, 3), blockSize_));
-  EXPECT_TRUE(Logged(kError, "Unable to skip blocks for " + missing + ", error: Unable to open: " + missing));
+  EXPECT_TRUE(Logged("Unable to skip blocks for " + missing + ", error: Unable to open: " + missing, kError));
 }
 
 TEST_F(FileSkipperTest, FileSystemWithoutBlockMappingSkipsNothing) {
@@ -148,7 +123,7 @@ TEST_F(FileSkipperTest, FileSystemWithoutBlockMappingSkipsNothing) {
   EXPECT_FALSE(skipper.IsCowFileBlock(1, blockSize_));
   unlink(name);
   EXPECT_TRUE(skipper.extents().empty());
-  EXPECT_TRUE(Logged(kInfo, "File block identification not supported. Not skipping files on backup."));
+  EXPECT_TRUE(Logged("File block identification not supported. Not skipping files on backup.", kInfo));
 }
 
 TEST(FileSkipperExtentsTest, BlocksMergeOnlyWithTheBlockBeforeThemInFileOrder) {

@@ -8,21 +8,10 @@
 #include <vector>
 
 #include "fsmaps/used_block_bitmap.h"
+#include "tests/unit/test_support.h"
 
 namespace orv {
 namespace {
-
-void PutBe16(uint8_t* p, uint16_t v) {
-  p[0] = v >> 8;
-  p[1] = v & 0xFF;
-}
-void PutBe32(uint8_t* p, uint32_t v) {
-  for (int i = 0; i < 4; ++i) p[i] = (v >> (24 - 8 * i)) & 0xFF;
-}
-void PutBe64(uint8_t* p, uint64_t v) {
-  PutBe32(p, static_cast<uint32_t>(v >> 32));
-  PutBe32(p + 4, static_cast<uint32_t>(v));
-}
 
 // An HFS+ volume as the on-disk format describes it, reduced to what the allocation
 // map needs: the volume header at byte 1024 and an allocation file (one bit per
@@ -66,37 +55,19 @@ class HfsImage {
   std::set<uint64_t> used_;
 };
 
-int64_t WalkAll(std::vector<uint8_t>& image, uint64_t bufferBytes, std::set<uint64_t>* used,
-                uint64_t* blockCount = nullptr) {
-  MemoryBlockSource source(image.data(), image.size());
-  std::vector<uint8_t> buffer(bufferBytes);
-  uint64_t blockSize = 0, count = 0;
-  for (uint64_t start = 0;;) {
-    int64_t n = GetUsedBlockBitmap(bufferBytes, start, source, blockSize, count, buffer.data());
-    if (blockCount != nullptr) *blockCount = count;
-    if (n <= 0) return n;
-    for (int64_t k = 0; k < n; ++k) {
-      if ((buffer[k / 8] >> (k % 8)) & 1) used->insert(start + k);
-    }
-    start += n;
-  }
-}
-
 TEST(HfsReaderTest, ReadsTheAllocationFileAcrossItsExtents) {
   for (bool hfsx : {false, true}) {
     HfsImage image(hfsx);
     std::mt19937 random(3);
     for (int i = 0; i < 300; ++i) image.SetUsed(random() % HfsImage::kBlocks);
-    std::set<uint64_t> used;
-    uint64_t blockCount = 0;
-    EXPECT_EQ(WalkAll(image.bytes(), 16, &used, &blockCount), 0);
-    EXPECT_EQ(blockCount, HfsImage::kBlocks);
-    EXPECT_EQ(used, image.used()) << (hfsx ? "HFSX" : "HFS+");
+    UsedBlockWalk walk = WalkUsedBlocks(image.bytes(), 16);
+    EXPECT_EQ(walk.result, 0);
+    EXPECT_EQ(walk.blockCount, HfsImage::kBlocks);
+    EXPECT_EQ(walk.used, image.used()) << (hfsx ? "HFSX" : "HFS+");
   }
 }
 
 TEST(HfsReaderTest, RefusesWhatItCannotReadWhole) {
-  std::set<uint64_t> used;
   {
     // The allocation file continues in the extents overflow file.
     HfsImage image;
@@ -104,29 +75,30 @@ TEST(HfsReaderTest, RefusesWhatItCannotReadWhole) {
     PutBe64(image.header() + 112, 3 * HfsImage::kBlockSize);
     PutBe32(image.header() + 112 + 28, 0);
     errno = 0;
-    EXPECT_EQ(WalkAll(image.bytes(), 16, &used), -1);
+    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 16).result, -1);
     EXPECT_EQ(errno, EOPNOTSUPP);
   }
   {
     HfsImage image;  // an allocation file too small for the volume
     PutBe64(image.header() + 112, 100);
-    EXPECT_EQ(WalkAll(image.bytes(), 16, &used), -1);
+    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 16).result, -1);
   }
   {
     HfsImage image;  // an extent past the last block
     PutBe32(image.header() + 112 + 24, HfsImage::kBlocks);
-    EXPECT_EQ(WalkAll(image.bytes(), 16, &used), -1);
+    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 16).result, -1);
   }
   {
     HfsImage image;  // block size not a power of two
     PutBe32(image.header() + 40, 1000);
-    EXPECT_EQ(WalkAll(image.bytes(), 16, &used), -1);
+    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 16).result, -1);
   }
   {
     HfsImage image;  // an HFS standard wrapper is not HFS+
     PutBe16(image.header(), 0x4244);
-    EXPECT_EQ(WalkAll(image.bytes(), 16, &used), 0);
-    EXPECT_TRUE(used.empty());
+    UsedBlockWalk walk = WalkUsedBlocks(image.bytes(), 16);
+    EXPECT_EQ(walk.result, 0);
+    EXPECT_TRUE(walk.used.empty());
   }
 }
 

@@ -1,20 +1,16 @@
 #include "api/http_server.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <algorithm>
 #include <chrono>
-#include <filesystem>
+#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "api/agent_api.h"
 #include "store/config_table.h"
-#include "store/database_maintainer.h"
-#include "store/log_table.h"
+#include "tests/unit/test_support.h"
 
 namespace orv {
 namespace {
@@ -22,47 +18,15 @@ namespace {
 // The start of the server up to the TLS setup, on an agent directory of its own: the
 // port configuration and the certificate files. Serving over TLS is exercised by the
 // system tests with certificates made per run.
-class HttpServerStart : public ::testing::Test {
+class HttpServerStart : public AgentRootTest {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/orv-http-test-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-    const char* previous = getenv("ORVD_ETC_DIR");
-    hadPrevious_ = previous != nullptr;
-    if (hadPrevious_) previous_ = previous;
-    setenv("ORVD_ETC_DIR", dir_.c_str(), 1);
-    std::filesystem::create_directory(dir_ + "/certs");
-    DatabaseMaintainer maintainer;
-    ASSERT_TRUE(maintainer.initialise());
-    maintainer.close();
-  }
-  void TearDown() override {
-    if (hadPrevious_) {
-      setenv("ORVD_ETC_DIR", previous_.c_str(), 1);
-    } else {
-      unsetenv("ORVD_ETC_DIR");
-    }
-    std::filesystem::remove_all(dir_);
-  }
-
-  void Write(const std::string& name) { std::ofstream(dir_ + "/certs/" + name) << "-----BEGIN NOTHING-----\n"; }
-  static bool Logged(const std::string& message) {
-    std::vector<LogRow> rows;
-    list_logs(&rows, 0, 0, "", "");
-    return std::any_of(rows.begin(), rows.end(), [&](const LogRow& row) { return row.message == message; });
-  }
+  void Write(const std::string& name) { std::ofstream(root_.etc() + "/certs/" + name) << "-----BEGIN NOTHING-----\n"; }
   static std::string Config(const char* name) {
     std::string value;
     return get_config(name, &value) ? value : "<absent>";
   }
 
-  std::string dir_;
   AgentAPI api_{nullptr};
-
- private:
-  std::string previous_;
-  bool hadPrevious_ = false;
 };
 
 TEST_F(HttpServerStart, AbsentPortIsNotWritten) {
@@ -96,15 +60,15 @@ TEST_F(HttpServerStart, InvalidPortsAreReplacedAndValidOnesTaken) {
 TEST_F(HttpServerStart, EachMissingCertificateFileIsNamedWithTheEffectiveDirectory) {
   HttpServer server(&api_);
   EXPECT_FALSE(server.start());
-  EXPECT_TRUE(Logged("Could not start Zelko Linux Agent. Certificate key (server.key) not found in " + dir_ +
+  EXPECT_TRUE(Logged("Could not start Zelko Linux Agent. Certificate key (server.key) not found in " + root_.etc() +
                      "/certs.\n"));
   Write("server.key");
   EXPECT_FALSE(server.start());
-  EXPECT_TRUE(Logged("Could not start Zelko Linux Agent. PEM format certificate (server.pem) not found in " + dir_ +
+  EXPECT_TRUE(Logged("Could not start Zelko Linux Agent. PEM format certificate (server.pem) not found in " + root_.etc() +
                      "/certs.\n"));
   Write("server.pem");
   EXPECT_FALSE(server.start());
-  EXPECT_TRUE(Logged("Could not start Zelko Linux Agent. Authority certificate (ca.crt) not found in " + dir_ +
+  EXPECT_TRUE(Logged("Could not start Zelko Linux Agent. Authority certificate (ca.crt) not found in " + root_.etc() +
                      "/certs.\n"));
   // All three present but unusable: the library refuses them.
   Write("ca.crt");

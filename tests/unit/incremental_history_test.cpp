@@ -4,13 +4,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <fstream>
-#include <iterator>
 #include <vector>
 
 #include "daemon/unique_fd.h"
-#include "store/log_table.h"
-#include "tests/unit/agent_root.h"
+#include "tests/unit/test_support.h"
 
 namespace orv {
 namespace {
@@ -23,31 +22,15 @@ void WriteCow(const std::string& path, char headerByte, const std::vector<uint64
   out.write(reinterpret_cast<const char*>(words.data()), static_cast<std::streamsize>(words.size() * 8));
 }
 
-std::vector<char> ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<char>(std::istreambuf_iterator<char>(in), {});
-}
-
 std::vector<uint64_t> MapOf(const std::string& path) {
-  std::vector<char> bytes = ReadAll(path);
+  std::string bytes = ReadText(path);
   std::vector<uint64_t> words((bytes.size() - 4096) / 8);
   memcpy(words.data(), bytes.data() + 4096, words.size() * 8);
   return words;
 }
 
-bool Logged(const std::string& text) {
-  std::vector<LogRow> rows;
-  list_logs(&rows, 0, 0, "", "");
-  for (const LogRow& row : rows) {
-    if (row.message == text) return true;
-  }
-  return false;
-}
-
-class IncrementalHistoryTest : public ::testing::Test {
+class IncrementalHistoryTest : public AgentRootTest {
  protected:
-  void SetUp() override { ASSERT_TRUE(root_.initialiseDatabase()); }
-  AgentRoot root_;
   IncrementalHistory history_{root_.root(), "uuid-1", "backup-1"};
 };
 
@@ -61,9 +44,9 @@ TEST_F(IncrementalHistoryTest, MergeCreatesThenOrs) {
   second[1048576 + 9] = 2;
   WriteCow(cow, 'A', first);
   ASSERT_EQ(history_.merge_incremental_history(cow), 0);
-  std::vector<char> merged = ReadAll(history_.path());
+  std::string merged = ReadText(history_.path());
   ASSERT_EQ(merged.size(), 4096u + first.size() * 8);
-  EXPECT_EQ(std::string(merged.begin(), merged.begin() + 4096), std::string(4096, 'A'));
+  EXPECT_EQ(merged.substr(0, 4096), std::string(4096, 'A'));
   EXPECT_EQ(MapOf(history_.path()), first);
   EXPECT_TRUE(history_.incrementalHistoryExists());
 
@@ -74,7 +57,7 @@ TEST_F(IncrementalHistoryTest, MergeCreatesThenOrs) {
   EXPECT_EQ(map[1], 9u);
   EXPECT_EQ(map[1048576 + 3], 1u);
   EXPECT_EQ(map[1048576 + 9], 2u);
-  EXPECT_EQ(ReadAll(history_.path())[0], 'B');  // the newest header
+  EXPECT_EQ(ReadText(history_.path())[0], 'B');  // the newest header
 
   ASSERT_EQ(history_.remove_incremental_history(), 0);
   EXPECT_NE(access(history_.path().c_str(), F_OK), 0);

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -14,7 +13,7 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
-#include "tests/unit/agent_root.h"
+#include "tests/unit/test_support.h"
 #include "tests/unit/tgtd_fixture.h"
 
 namespace orv {
@@ -35,26 +34,6 @@ class LibiscsiSessionLossLeaks {
   LibiscsiSessionLossLeaks(const LibiscsiSessionLossLeaks&) = delete;
   LibiscsiSessionLossLeaks& operator=(const LibiscsiSessionLossLeaks&) = delete;
 };
-
-// The messages of the agent's log table (oldest first) that start with `prefix`.
-inline std::vector<std::string> LoggedMessages(const AgentRoot& root, const std::string& prefix = "") {
-  std::vector<std::string> messages;
-  sqlite3* db = nullptr;
-  if (sqlite3_open_v2(root.databasePath().c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-    sqlite3_close(db);
-    ADD_FAILURE() << "cannot open " << root.databasePath();
-    return messages;
-  }
-  sqlite3_stmt* stmt = nullptr;
-  sqlite3_prepare_v2(db, "SELECT message FROM logs ORDER BY id", -1, &stmt, nullptr);
-  while (stmt != nullptr && sqlite3_step(stmt) == SQLITE_ROW) {
-    std::string message(reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0)));
-    if (message.compare(0, prefix.size(), prefix) == 0) messages.push_back(message);
-  }
-  sqlite3_finalize(stmt);
-  sqlite3_close(db);
-  return messages;
-}
 
 // Deterministic content: byte i of a pattern seeded with `seed`.
 inline void FillPattern(unsigned char* buffer, size_t length, uint64_t seed, uint64_t start = 0) {
@@ -91,23 +70,21 @@ inline bool WriteBacking(const std::string& path, uint64_t offset, const std::ve
   return n == static_cast<ssize_t>(data.size());
 }
 
-// An agent root with a fresh database (so that log events land in a file the test reads)
-// and a private tgtd serving target 1 with one file-backed LUN 1.
-class IscsiTargetTest : public ::testing::Test {
+// An agent root with a fresh database (so that log events can be read back) and a private tgtd serving target 1 with one file-backed LUN 1.
+class IscsiTargetTest : public AgentRootTest {
  protected:
   static constexpr const char* kIqn = "iqn.2024-01.net.orv.test:image";
 
   explicit IscsiTargetTest(uint64_t lunBytes = 32ull << 20, bool tuned = false) : lunBytes_(lunBytes), tgtd_(tuned) {}
 
   void SetUp() override {
-    ASSERT_TRUE(root_.initialiseDatabase());
+    ASSERT_NO_FATAL_FAILURE(AgentRootTest::SetUp());
     ASSERT_TRUE(tgtd_.Start());
     ASSERT_TRUE(tgtd_.AddTarget(1, kIqn));
     ASSERT_TRUE(tgtd_.AddLun(1, 1, lunBytes_, &lunPath_));
   }
 
   uint64_t lunBytes_;
-  AgentRoot root_;
   TgtdFixture tgtd_;
   std::string lunPath_;
 };

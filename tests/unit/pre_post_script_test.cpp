@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "daemon/logger.h"
-#include "store/database_maintainer.h"
+#include "tests/unit/test_support.h"
 
 namespace orv {
 namespace {
@@ -24,10 +24,6 @@ namespace {
 using Outcome = PrePostScript::Outcome;
 using Phase = PrePostScript::Phase;
 using Clock = std::chrono::steady_clock;
-
-double SecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 int CountOpenFds() {
   int count = 0;
@@ -37,65 +33,49 @@ int CountOpenFds() {
   return count;
 }
 
-// Children of this process, zombies included.
-std::vector<pid_t> Children() {
-  std::vector<pid_t> children;
+// The processes for which `match(state, parent, group)` holds.
+template <typename Match>
+std::vector<pid_t> Processes(Match match) {
+  std::vector<pid_t> found;
   for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
     std::string name = entry.path().filename();
     if (name.find_first_not_of("0123456789") != std::string::npos) continue;
     std::ifstream stat(entry.path() / "stat");
     std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
     size_t close = text.rfind(')');
-    if (close == std::string::npos) continue;
-    char state;
-    int ppid;
-    if (sscanf(text.c_str() + close + 1, " %c %d", &state, &ppid) == 2 && ppid == getpid()) {
-      children.push_back(std::stoi(name));
-    }
-  }
-  return children;
-}
-
-// Processes of this process group that are alive (orphaned zombies wait for init).
-bool GroupGone(pid_t group) {
-  if (group <= 0) return false;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    std::string name = entry.path().filename();
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    std::ifstream stat(entry.path() / "stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    size_t close = text.rfind(')');
-    if (close == std::string::npos) continue;
     char state;
     int ppid;
     int pgrp;
-    if (sscanf(text.c_str() + close + 1, " %c %d %d", &state, &ppid, &pgrp) == 3 && pgrp == group && state != 'Z') {
-      return false;
+    if (close != std::string::npos && sscanf(text.c_str() + close + 1, " %c %d %d", &state, &ppid, &pgrp) == 3 &&
+        match(state, ppid, pgrp)) {
+      found.push_back(std::stoi(name));
     }
   }
-  return true;
+  return found;
 }
 
-class PrePostScriptTest : public ::testing::Test {
+// Children of this process, zombies included.
+std::vector<pid_t> Children() {
+  return Processes([](char, int ppid, int) { return ppid == getpid(); });
+}
+
+// No live process is left in the group (orphaned zombies wait for init).
+bool GroupGone(pid_t group) {
+  return group > 0 && Processes([&](char state, int, int pgrp) { return pgrp == group && state != 'Z'; }).empty();
+}
+
+class PrePostScriptTest : public AgentRootTest {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/orv-pps-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-    scripts_ = dir_ + "/pps";
+    ASSERT_NO_FATAL_FAILURE(AgentRootTest::SetUp());
+    scripts_ = root_.etc() + "/pps";
     ASSERT_EQ(mkdir(scripts_.c_str(), 0755), 0);
-    setenv("ORVD_ETC_DIR", dir_.c_str(), 1);
-    DatabaseMaintainer maintainer;
-    ASSERT_TRUE(maintainer.initialise());
-    maintainer.close();
     fdsBefore_ = CountOpenFds();
   }
   void TearDown() override {
     // Every run reaps its child: nothing is left behind, not even a zombie.
     EXPECT_EQ(Children(), std::vector<pid_t>());
     EXPECT_EQ(CountOpenFds(), fdsBefore_);
-    unsetenv("ORVD_ETC_DIR");
-    std::filesystem::remove_all(dir_);
   }
 
   void WriteScript(const std::string& name, const std::string& body, mode_t mode = 0755) {
@@ -103,19 +83,10 @@ class PrePostScriptTest : public ::testing::Test {
     std::ofstream(path) << "#!/bin/sh\n" << body << "\n";
     ASSERT_EQ(chmod(path.c_str(), mode), 0);
   }
-  bool Logged(int level, const std::string& text) {
-    std::vector<LogRow> rows;
-    EXPECT_TRUE(ReadLogs(level, 0, "", "", &rows));
-    for (const LogRow& row : rows) {
-      if (row.level == level && row.message.find(text) != std::string::npos) return true;
-    }
-    return false;
-  }
   bool RunOne(PrePostScript& script, Phase phase = Phase::kPre) {
     return PrePostScript::runPhase({&script}, phase, "backup-7");
   }
 
-  std::string dir_;
   std::string scripts_;
   int fdsBefore_ = 0;
 };
@@ -137,17 +108,17 @@ TEST_F(PrePostScriptTest, ScanTakesRegularFilesWithTheirDisplayNames) {
                                                                      {"b-db.sh", "Flush the database"},
                                                                      {"c-empty-name.sh", "Second wins"},
                                                                      {"d-link", "Flush the database"}}));
-  EXPECT_TRUE(Logged(kWarning, "Could not stat pre/post script dangling."));
+  EXPECT_TRUE(LoggedContaining("Could not stat pre/post script dangling.", kWarning));
 }
 
 TEST_F(PrePostScriptTest, ScanOfEmptyOrMissingDirectory) {
   std::list<PrePostScript> scripts;
   EXPECT_TRUE(PrePostScript::loadScripts(scripts));
   EXPECT_TRUE(scripts.empty());
-  EXPECT_TRUE(Logged(kInfo, "No pre/post scripts found."));
+  EXPECT_TRUE(LoggedContaining("No pre/post scripts found.", kInfo));
   std::filesystem::remove_all(scripts_);
   EXPECT_FALSE(PrePostScript::loadScripts(scripts));
-  EXPECT_TRUE(Logged(kError, "Could not open pre/post scripts directory."));
+  EXPECT_TRUE(LoggedContaining("Could not open pre/post scripts directory.", kError));
 }
 
 TEST_F(PrePostScriptTest, MarkerEndsTheRunAndTheStillRunningScriptIsKilled) {
@@ -164,8 +135,8 @@ TEST_F(PrePostScriptTest, MarkerEndsTheRunAndTheStillRunningScriptIsKilled) {
   EXPECT_EQ(script.output(), "arg PRE\ndos line\n");
   EXPECT_EQ(script.startTime(), 0);
   EXPECT_TRUE(GroupGone(script.childPid()));
-  EXPECT_TRUE(Logged(kInfo, "Running pre-scripts..."));
-  EXPECT_TRUE(Logged(kInfo, "is still alive, sleeping and killing it."));
+  EXPECT_TRUE(LoggedContaining("Running pre-scripts...", kInfo));
+  EXPECT_TRUE(LoggedContaining("is still alive, sleeping and killing it.", kInfo));
 }
 
 TEST_F(PrePostScriptTest, EachPhaseWaitsForItsOwnMarker) {
@@ -179,8 +150,8 @@ TEST_F(PrePostScriptTest, EachPhaseWaitsForItsOwnMarker) {
   EXPECT_FALSE(preOnly.isDone());
   EXPECT_EQ(preOnly.outcome(), Outcome::kFailed);
   EXPECT_EQ(preOnly.output(), "PRE-DONE\n PRE-DONE\n");
-  EXPECT_TRUE(Logged(kInfo, "Running post-scripts..."));
-  EXPECT_TRUE(Logged(kInfo, "runpre EOF on pipe"));
+  EXPECT_TRUE(LoggedContaining("Running post-scripts...", kInfo));
+  EXPECT_TRUE(LoggedContaining("runpre EOF on pipe", kInfo));
 }
 
 TEST_F(PrePostScriptTest, ScriptWithoutMarkerStopsAtItsTimeout) {
@@ -198,8 +169,8 @@ TEST_F(PrePostScriptTest, ScriptWithoutMarkerStopsAtItsTimeout) {
   EXPECT_EQ(slow.output(), "working\n");
   EXPECT_TRUE(fast.isDone());
   EXPECT_TRUE(GroupGone(slow.childPid()));
-  EXPECT_TRUE(Logged(kWarning, "Pre script 'slow.sh' timed out."));
-  EXPECT_TRUE(Logged(kError, "runpre failed reading script output, errno: 110"));
+  EXPECT_TRUE(LoggedContaining("Pre script 'slow.sh' timed out.", kWarning));
+  EXPECT_TRUE(LoggedContaining("runpre failed reading script output, errno: 110", kError));
 }
 
 TEST_F(PrePostScriptTest, MissingScriptIsReportedNotFound) {
@@ -209,7 +180,7 @@ TEST_F(PrePostScriptTest, MissingScriptIsReportedNotFound) {
   EXPECT_FALSE(RunOne(missing));
   EXPECT_LT(SecondsSince(start), 3.0);
   EXPECT_EQ(missing.outcome(), Outcome::kNotFound);
-  EXPECT_TRUE(Logged(kError, "Pre/Post Script 'no-such-script.sh' not found"));
+  EXPECT_TRUE(LoggedContaining("Pre/Post Script 'no-such-script.sh' not found", kError));
 }
 
 TEST_F(PrePostScriptTest, ScriptNamesAreNeverShellText) {
@@ -217,7 +188,7 @@ TEST_F(PrePostScriptTest, ScriptNamesAreNeverShellText) {
   PrePostScript quoted("it's a script.sh", 10);
   EXPECT_TRUE(RunOne(quoted));
   // A name with shell syntax only names a (missing) file.
-  std::string marker = dir_ + "/injected";
+  std::string marker = root_.root() + "/injected";
   PrePostScript injected("x; touch " + marker, 10);
   EXPECT_FALSE(RunOne(injected));
   EXPECT_EQ(injected.outcome(), Outcome::kStartFailed);
@@ -225,8 +196,8 @@ TEST_F(PrePostScriptTest, ScriptNamesAreNeverShellText) {
   PrePostScript escape("../escape.sh", 10);
   EXPECT_FALSE(RunOne(escape, Phase::kPost));
   EXPECT_EQ(escape.outcome(), Outcome::kStartFailed);
-  EXPECT_TRUE(Logged(kError, "Post Script '../escape.sh' open error: 22"));
-  EXPECT_TRUE(Logged(kError, "Pre/Post Script 'x; touch"));
+  EXPECT_TRUE(LoggedContaining("Post Script '../escape.sh' open error: 22", kError));
+  EXPECT_TRUE(LoggedContaining("Pre/Post Script 'x; touch", kError));
 }
 
 TEST_F(PrePostScriptTest, FloodingScriptKeepsBoundedOutput) {
@@ -270,7 +241,7 @@ TEST_F(PrePostScriptTest, ScriptThatClosesItsOutputIsKilled) {
   EXPECT_EQ(exits.output(), "only output\n");
   EXPECT_EQ(notExecutable.outcome(), Outcome::kFailed);
   EXPECT_NE(notExecutable.output().find("Permission denied"), std::string::npos);
-  EXPECT_TRUE(Logged(kError, "runpre failed reading script output, errno: 32"));
+  EXPECT_TRUE(LoggedContaining("runpre failed reading script output, errno: 32", kError));
 }
 
 TEST_F(PrePostScriptTest, WorksWhenSigchldIsIgnored) {

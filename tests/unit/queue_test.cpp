@@ -10,16 +10,13 @@
 #include <thread>
 #include <vector>
 
+#include "tests/unit/test_support.h"
 #include "transfer/queueitem.h"
 
 namespace orv {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-double SecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 // A chunk with a real heap buffer, so that the leak checker sees any that is lost.
 queueitem* Chunk(int64_t position) {

@@ -4,19 +4,11 @@
 #include <sys/stat.h>
 
 #include <fstream>
-#include <sstream>
 
-#include "tests/unit/agent_root.h"
+#include "tests/unit/test_support.h"
 
 namespace orv {
 namespace {
-
-std::string Read(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 TEST(ReloadScriptTest, WrittenWholeWithModeAndText) {
   AgentRoot root;
@@ -27,13 +19,13 @@ TEST(ReloadScriptTest, WrittenWholeWithModeAndText) {
   struct stat info;
   ASSERT_EQ(stat(path.c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0700u);
-  EXPECT_EQ(Read(path),
+  EXPECT_EQ(ReadText(path),
             "#!/bin/sh\n\n"
             "echo \"Reloading incremental - 3 ...\" > /dev/kmsg\n"
             "/usr/bin/zbdctl reload-incremental /dev/disk/by-uuid/abcd-1234 /mnt/v/.zelko1 3\n");
   // Rewriting truncates.
   ASSERT_EQ(ReloadScript::Write(3, "u", "/c"), 0);
-  EXPECT_EQ(Read(path).find("abcd"), std::string::npos);
+  EXPECT_EQ(ReadText(path).find("abcd"), std::string::npos);
   setenv("ORVD_ZBDCTL", "/opt/sim/zbdctl", 1);
   EXPECT_NE(ReloadScript::Text(3, "u", "/c").find("\n/opt/sim/zbdctl reload-incremental /dev/disk/by-uuid/u /c 3\n"),
             std::string::npos);

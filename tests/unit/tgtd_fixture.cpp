@@ -18,6 +18,8 @@
 #include <random>
 #include <thread>
 
+#include "tests/unit/test_support.h"
+
 extern char** environ;
 
 namespace orv {
@@ -50,23 +52,6 @@ std::vector<char*> ArgvOf(const std::vector<std::string>& arguments) {
   return argv;
 }
 
-// A loopback port nobody listens on right now.
-int FreePort() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  if (fd < 0) return 0;
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(address);
-  int port = 0;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-    port = ntohs(address.sin_port);
-  }
-  close(fd);
-  return port;
-}
-
 bool PortAnswers(int port) {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
   if (fd < 0) return false;
@@ -85,7 +70,7 @@ std::string SocketPath(int controlPort) { return std::string(kSocketDir) + "/soc
 int FreeControlPort() {
   static std::mt19937 random(static_cast<unsigned>(getpid()) ^
                              static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count()));
-    // tgtd takes control ports up to 32767.
+  // tgtd takes control ports up to 32767.
   std::uniform_int_distribution<int> range(10000, 32767);
   for (int i = 0; i < 1000; ++i) {
     int candidate = range(random);

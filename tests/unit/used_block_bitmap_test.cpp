@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "fsmaps/piece_bitmap.h"
+#include "tests/unit/test_support.h"
 
 namespace orv {
 namespace {
@@ -81,9 +82,7 @@ TEST(UsedBlockBitmapTest, DeviceThatCannotBeOpenedIsAnError) {
 TEST(UsedBlockBitmapTest, ReadsAnImageFileThroughItsPath) {
   // A one-group ext volume of 64 1 KiB blocks whose bitmap (block 3) marks 1, 2, 3, 40.
   std::vector<uint8_t> image(64 * 1024);
-  auto put32 = [&](size_t at, uint32_t v) {
-    for (int i = 0; i < 4; ++i) image[at + i] = (v >> (8 * i)) & 0xFF;
-  };
+  auto put32 = [&](size_t at, uint32_t v) { PutLe32(image.data() + at, v); };
   put32(1024 + 4, 64);
   put32(1024 + 20, 1);
   put32(1024 + 32, 8192);

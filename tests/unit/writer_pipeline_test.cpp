@@ -60,7 +60,7 @@ TEST_F(WriterPipelineTest, ChunksReachTheirImageOffsetsAndAdvanceTheProgress) {
   FillPattern(expected.data(), expected.size(), 42, imageOffset);
   EXPECT_TRUE(ReadBacking(lunPath_, imageOffset, expected.size()) == expected);
   EXPECT_EQ(status_.volumes().at(0).bytesTransferred, 6 * kChunk);
-  EXPECT_EQ(LoggedMessages(root_, "Set backup of volume " + std::string(kVolume) +
+  EXPECT_EQ(LoggedMessages("Set backup of volume " + std::string(kVolume) +
                                       " 'BYTES TRANSFERRED' to 6291456 bytes.").size(), 1u);
   EXPECT_EQ(status_.errorCode(), 0);
 }
@@ -75,8 +75,8 @@ TEST_F(WriterPipelineTest, AChunkBeyondTheLunFailsTheWriterWithTheSeekError) {
   EXPECT_FALSE(pipeline.Finish());
   EXPECT_EQ(status_.errorMessage(), "Could not seek on target device.");
   EXPECT_EQ(status_.errorCode(), kErrorTargetWrite);
-  EXPECT_EQ(LoggedMessages(root_, "Iscsi seek to 16781312 failed: 22").size(), 1u);
-  EXPECT_GE(LoggedMessages(root_, "Error from async write thread: Error performing iscsi target write: 22").size(), 1u);
+  EXPECT_EQ(LoggedMessages("Iscsi seek to 16781312 failed: 22").size(), 1u);
+  EXPECT_GE(LoggedMessages("Error from async write thread: Error performing iscsi target write: 22").size(), 1u);
   // Nothing after the failed chunk reached the LUN.
   EXPECT_TRUE(ReadBacking(lunPath_, 0, kChunk) == std::vector<unsigned char>(kChunk, 0));
 }
@@ -95,9 +95,9 @@ TEST_F(WriterPipelineTest, ATargetThatRefusesWritesStopsTheProducerAndFreesEvery
   // One chunk in the writer's hands and two waiting: the fourth push sees the failure.
   EXPECT_EQ(pushed, 3);
   EXPECT_FALSE(pipeline.Finish());
-  EXPECT_EQ(LoggedMessages(root_, "Error from async write thread: Error performing iscsi target write: 5").size(), 2u);
-  EXPECT_EQ(LoggedMessages(root_, "Write iscsi failed, sleeping, reconnecting, and retrying").size(), 5u);
-  EXPECT_EQ(LoggedMessages(root_, "Write to iscsi target failed: 5, write returned -1").size(), 1u);
+  EXPECT_EQ(LoggedMessages("Error from async write thread: Error performing iscsi target write: 5").size(), 2u);
+  EXPECT_EQ(LoggedMessages("Write iscsi failed, sleeping, reconnecting, and retrying").size(), 5u);
+  EXPECT_EQ(LoggedMessages("Write to iscsi target failed: 5, write returned -1").size(), 1u);
   EXPECT_EQ(status_.errorMessage(), "Could not write to target device.");
   EXPECT_EQ(status_.errorCode(), kErrorTargetWrite);
   EXPECT_EQ(status_.volumes().at(0).bytesTransferred, 0u);
