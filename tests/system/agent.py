@@ -193,8 +193,14 @@ class Agent:
 
     # -- database -------------------------------------------------------------------
     def query(self, sql, params=()):
-        with sqlite3.connect(self.db_path, timeout=30) as db:
-            return db.execute(sql, params).fetchall()
+        # Closed at once: a connection left to the garbage collector keeps the file open
+        # (and the file system that holds it busy) for an unknown time.
+        db = sqlite3.connect(self.db_path, timeout=30)
+        try:
+            with db:
+                return db.execute(sql, params).fetchall()
+        finally:
+            db.close()
 
     def logs(self):
         return [row[0] for row in self.query("SELECT message FROM logs ORDER BY id")]
