@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -32,20 +33,30 @@ std::string ReloadScript::Text(int minor, const std::string& uuid, const std::st
 int ReloadScript::Write(int minor, const std::string& uuid, const std::string& cowFile) {
   std::string path = Path(minor);
   std::string text = Text(minor, uuid, cowFile);
-  UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0700));
-  if (!fd.valid()) return errno;
-  if (fchmod(fd.get(), 0700) != 0) return errno;
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n = write(fd.get(), text.data() + done, text.size() - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return errno;
+  // Written beside it and renamed into place: a full disk or a crash must not leave a
+  // cut script (a cut minor or COW path) for the next boot to run. The dot keeps the
+  // file out of the stray-script sweep, which looks for "reload_" names.
+  std::string staged = Paths::EtcDir() + "/.reload_" + std::to_string(minor) + ".new";
+  int error = 0;
+  {
+    UniqueFd fd(open(staged.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0700));
+    if (!fd.valid()) return errno;
+    if (fchmod(fd.get(), 0700) != 0) error = errno;
+    size_t done = 0;
+    while (error == 0 && done < text.size()) {
+      ssize_t n = write(fd.get(), text.data() + done, text.size() - done);
+      if (n < 0) {
+        if (errno != EINTR) error = errno;
+        continue;
+      }
+      done += static_cast<size_t>(n);
     }
-    done += static_cast<size_t>(n);
+    if (error == 0 && fsync(fd.get()) != 0) error = errno;
+    if (close(fd.release()) != 0 && error == 0) error = errno;
   }
-  if (close(fd.release()) != 0) return errno;
-  return 0;
+  if (error == 0 && rename(staged.c_str(), path.c_str()) != 0) error = errno;
+  if (error != 0) unlink(staged.c_str());
+  return error;
 }
 
 int ReloadScript::Delete(int minor) {

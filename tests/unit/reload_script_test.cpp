@@ -23,9 +23,10 @@ TEST(ReloadScriptTest, WrittenWholeWithModeAndText) {
             "#!/bin/sh\n\n"
             "echo \"Reloading incremental - 3 ...\" > /dev/kmsg\n"
             "/usr/bin/zbdctl reload-incremental /dev/disk/by-uuid/abcd-1234 /mnt/v/.zelko1 3\n");
-  // Rewriting truncates.
+  // Rewriting replaces the whole text and leaves no staging file behind.
   ASSERT_EQ(ReloadScript::Write(3, "u", "/c"), 0);
   EXPECT_EQ(ReadText(path).find("abcd"), std::string::npos);
+  EXPECT_NE(stat((root.etc() + "/.reload_3.new").c_str(), &info), 0);
   setenv("ORVD_ZBDCTL", "/opt/sim/zbdctl", 1);
   EXPECT_NE(ReloadScript::Text(3, "u", "/c").find("\n/opt/sim/zbdctl reload-incremental /dev/disk/by-uuid/u /c 3\n"),
             std::string::npos);
