@@ -79,7 +79,9 @@ class Watch:
 
     def check(self):
         assert self.problems == []
-        assert len(self.latencies) >= 5, self.latencies
+        # At least a few answers in every window (the shortest, three renegotiations, lasts
+        # about seven seconds; under ThreadSanitizer an answer takes over a second).
+        assert len(self.latencies) >= 3, self.latencies
         assert max(self.latencies) < PATIENCE, sorted(self.latencies)[-5:]
 
 
