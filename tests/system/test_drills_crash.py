@@ -5,15 +5,7 @@ import os
 import signal
 import time
 
-import pytest
-
 from agent import wait_for
-from backup_rig import BackupRig
-
-
-@pytest.fixture
-def rig(agent, sim_dir, tgtd, client_files, authority, tmp_path):
-    return BackupRig(agent, sim_dir, tgtd, client_files, authority, tmp_path)
 
 
 def states(rig):

@@ -4,15 +4,7 @@ left in snapshot mode, busy calls (EBUSY, EAGAIN) are retried, and the next back
 an image that verifies."""
 import errno
 
-import pytest
-
-from backup_rig import BackupRig
 from volumes import fill_volume
-
-
-@pytest.fixture
-def rig(agent, sim_dir, tgtd, client_files, authority, tmp_path):
-    return BackupRig(agent, sim_dir, tgtd, client_files, authority, tmp_path)
 
 
 def states(rig):

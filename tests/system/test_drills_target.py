@@ -8,20 +8,13 @@ ORV_TARGET_RESTARTS sets the number of restarts (default 20).
 import os
 import time
 
-import pytest
-
 from agent import wait_for
-from backup_rig import TERMINAL, BackupRig
+from backup_rig import TERMINAL
 
 RESTARTS = int(os.environ.get("ORV_TARGET_RESTARTS", "20"))
 # Every restart costs the copy at least one chunk (12 MiB) of progress before the next:
 # 512 MiB holds 42 chunks, enough for 20 restarts with room to spare.
 VOLUME_MIB = max(256, RESTARTS * 24)
-
-
-@pytest.fixture
-def rig(agent, sim_dir, tgtd, client_files, authority, tmp_path):
-    return BackupRig(agent, sim_dir, tgtd, client_files, authority, tmp_path)
 
 
 def test_target_restarted_again_and_again_during_one_full_copy(rig, loop_volumes):

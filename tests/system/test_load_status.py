@@ -18,7 +18,6 @@ import time
 import pytest
 
 from agent import ConnectionFailure
-from backup_rig import BackupRig
 
 ENABLED = os.environ.get("ORV_LOAD") == "1"
 CLIENTS = int(os.environ.get("ORV_LOAD_CLIENTS", "200"))
@@ -102,11 +101,6 @@ class RssSampler:
     def __exit__(self, *exc):
         self.stopping.set()
         self.thread.join()
-
-
-@pytest.fixture
-def rig(agent, sim_dir, tgtd, client_files, authority, tmp_path):
-    return BackupRig(agent, sim_dir, tgtd, client_files, authority, tmp_path)
 
 
 def timed_backup(rig, volume, current=None):
