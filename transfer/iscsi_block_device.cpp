@@ -176,9 +176,20 @@ int64_t IscsiBlockDevice::Read(void* buffer, size_t length, bool& retryFlag) {
     errno = EINVAL;
     return -1;
   }
+  uint64_t requested = blocks * blockSize_;
+  // A read of whole blocks lands straight in the caller's buffer; only a read that starts
+  // or ends inside a block goes through libiscsi's own buffer and a copy.
+  bool direct = offsetInBlock == 0 && length == requested;
   busy_ = true;
-  TaskPtr task(iscsi_read16_sync(context_.get(), lun_, lba, static_cast<uint32_t>(blocks * blockSize_),
+  TaskPtr task;
+  if (direct) {
+    scsi_iovec iov{buffer, static_cast<size_t>(requested)};
+    task.reset(iscsi_read16_iov_sync(context_.get(), lun_, lba, static_cast<uint32_t>(requested),
+                                     static_cast<int>(blockSize_), 0, 0, 0, 0, 0, &iov, 1));
+  } else {
+    task.reset(iscsi_read16_sync(context_.get(), lun_, lba, static_cast<uint32_t>(requested),
                                  static_cast<int>(blockSize_), 0, 0, 0, 0, 0));
+  }
   busy_ = false;
   if (!TaskGood(task.get())) {
     LogEvent(kError, "", "Failed during iscsi read command.");
@@ -189,14 +200,20 @@ int64_t IscsiBlockDevice::Read(void* buffer, size_t length, bool& retryFlag) {
   }
   // The data starts at the block boundary; a target that sends fewer bytes than asked
   // gives a short read rather than stale bytes.
-  size_t available = task->datain.size > 0 ? static_cast<size_t>(task->datain.size) : 0;
+  size_t available;
+  if (direct) {
+    size_t missing = task->residual_status == SCSI_RESIDUAL_UNDERFLOW ? task->residual : 0;
+    available = missing < requested ? static_cast<size_t>(requested) - missing : 0;
+  } else {
+    available = task->datain.size > 0 ? static_cast<size_t>(task->datain.size) : 0;
+  }
   if (available <= offsetInBlock) {
     LogEvent(kError, "", "Failed during iscsi read command.");
     errno = EIO;
     return -1;
   }
   if (length > available - offsetInBlock) length = available - offsetInBlock;
-  memcpy(buffer, task->datain.data + offsetInBlock, length);
+  if (!direct) memcpy(buffer, task->datain.data + offsetInBlock, length);
   position_ += static_cast<int64_t>(length);
   return static_cast<int64_t>(length);
 }
