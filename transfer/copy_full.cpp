@@ -117,8 +117,6 @@ bool CopyFullAllBlocks(CopyJob& job, IscsiBlockDevice& device) {
     item->updateProgress = true;
     item->transferValue = done + static_cast<uint64_t>(n);
     done += static_cast<uint64_t>(n);
-    LogDisplay(kDebug, "Writing to queue writepos %ld writelen %ld", static_cast<long>(item->writePosition),
-               static_cast<long>(item->writeLength));
     if (!pipeline.Push(std::move(item))) {
       ok = false;
       break;
@@ -192,8 +190,6 @@ bool CopyFullUsedBlocks(CopyJob& job, IscsiBlockDevice& device) {
     item->writeLength = static_cast<int64_t>(runBytes);
     item->updateProgress = true;
     item->transferValue = totalRead;
-    LogDisplay(kDebug, "Writing to queue writepos %ld writelen %ld", static_cast<long>(item->writePosition),
-               static_cast<long>(item->writeLength));
     if (!pipeline.Push(std::move(item))) return false;
     runStart = -1;
     runBytes = 0;

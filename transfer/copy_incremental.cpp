@@ -196,8 +196,6 @@ bool CopyIncrementalAllBlocks(CopyJob& job, IscsiBlockDevice& device) {
     item->writeLength = n;
     item->updateProgress = true;
     item->transferValue = total;
-    LogDisplay(kDebug, "Writing to queue writepos %ld writelen %ld", static_cast<long>(item->writePosition),
-               static_cast<long>(item->writeLength));
     if (!pipeline.Push(std::move(item))) return false;
     runStart = -1;
     runBytes = 0;
