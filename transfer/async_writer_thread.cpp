@@ -49,8 +49,18 @@ void AsyncWriterThread::Run() {
     return;
   }
   // The chunks' reports run beside the writes and are all told before the thread ends
-  // (or, when the thread is cancelled, before Stop returns).
+  // (or, when the thread is cancelled, before Stop returns). Whatever the device logs
+  // waits for them, so that its rows follow the rows of the chunks written before.
   reporter_.Start();
+  struct Hook {
+    IscsiBlockDevice* device;
+    Hook(IscsiBlockDevice* d, ChunkReporter* reporter) : device(d) {
+      if (device != nullptr) device->SetBeforeLog([reporter] { reporter->Drain(); });
+    }
+    ~Hook() {
+      if (device != nullptr) device->SetBeforeLog(nullptr);
+    }
+  } hook(device_, &reporter_);
   for (;;) {
     queueitem* popped = nullptr;
     int result = queue_->Pop(popped);
