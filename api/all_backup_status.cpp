@@ -127,13 +127,16 @@ bool AllBackupStatus::setBytesTransferred(const std::string& uuid, uint64_t byte
     }
     record = findLocked(uuid);
   }
+  // Set once a chunk: the row is stored before the volume lock is taken, so that a status
+  // document being rendered never waits for it to reach the database, and the row still
+  // comes before the figure shows.
+  LogEvent(kDebug, backupId_, "Set backup of volume %s 'BYTES TRANSFERRED' to %lu bytes.", uuid.c_str(),
+           static_cast<unsigned long>(bytes));
   MutexLock volume(volumeLock_);
   if (!volume.locked()) {
     LogEvent(kError, backupId_, "Could not set backup volume bytes transferred status.");
     return false;
   }
-  LogEvent(kDebug, backupId_, "Set backup of volume %s 'BYTES TRANSFERRED' to %lu bytes.", uuid.c_str(),
-           static_cast<unsigned long>(bytes));
   record->bytesTransferred = bytes;
   return true;
 }

@@ -6,12 +6,13 @@
 
 #include "api/all_backup_status.h"
 #include "daemon/logger.h"
+#include "transfer/chunk_reporter.h"
 #include "transfer/iscsi_block_device.h"
 
 namespace orv {
 
 AsyncWriterThread::AsyncWriterThread(const std::string& volumeUuid, AllBackupStatus* status)
-    : volumeUuid_(volumeUuid), status_(status) {}
+    : volumeUuid_(volumeUuid), status_(status), reporter_(volumeUuid, status) {}
 
 AsyncWriterThread::~AsyncWriterThread() {
   if (flagMutexReady_) pthread_mutex_destroy(&flagMutex_);
@@ -47,14 +48,31 @@ void AsyncWriterThread::Run() {
     Fail("sanity failure: can't run thread until initted. ", -1);
     return;
   }
+  // The chunks' reports run beside the writes and are all told before the thread ends
+  // (or, when the thread is cancelled, before Stop returns). Whatever the device logs
+  // waits for them, so that its rows follow the rows of the chunks written before.
+  reporter_.Start();
+  struct Hook {
+    IscsiBlockDevice* device;
+    Hook(IscsiBlockDevice* d, ChunkReporter* reporter) : device(d) {
+      if (device != nullptr) device->SetBeforeLog([reporter] { reporter->Drain(); });
+    }
+    ~Hook() {
+      if (device != nullptr) device->SetBeforeLog(nullptr);
+    }
+  } hook(device_, &reporter_);
   for (;;) {
     queueitem* popped = nullptr;
     int result = queue_->Pop(popped);
     if (result != 0) {
+      reporter_.Drain();
       Fail("Error pulling item from queue, error: ", result);
       return;
     }
-    if (popped == nullptr) return;
+    if (popped == nullptr) {
+      reporter_.Drain();
+      return;
+    }
     // Every popped chunk is freed here, written or not.
     std::unique_ptr<queueitem> item(popped);
     LogDisplay(kDebug, "read from queue writepos %ld writelen %ld", static_cast<long>(item->writePosition),
@@ -70,6 +88,7 @@ void AsyncWriterThread::Run() {
 int AsyncWriterThread::WriteItem(const queueitem& item) {
   if (device_->Seek(item.writePosition, 0) < 0) {
     int error = errno;
+    reporter_.Drain();
     if (status_ != nullptr) status_->setError("Could not seek on target device.", kErrorTargetWrite);
     LogEvent(kError, backupId_, "Iscsi seek to %llu failed: %d", static_cast<unsigned long long>(item.writePosition),
              error);
@@ -79,14 +98,13 @@ int AsyncWriterThread::WriteItem(const queueitem& item) {
   if (written < 1) {
     // A refused empty write leaves errno untouched; the writer still has to fail.
     int error = written < 0 && errno != 0 ? errno : EIO;
+    reporter_.Drain();
     if (status_ != nullptr) status_->setError("Could not write to target device.", kErrorTargetWrite);
     LogEvent(kError, backupId_, "Write to iscsi target failed: %d, write returned %d", error, static_cast<int>(written));
     return error;
   }
-  if (item.updateProgress && status_ != nullptr) status_->setBytesTransferred(volumeUuid_, item.transferValue);
-  LogDisplay(kDebug, "Wrote data chunk (write offset: %llu - length: %llu)  transfer value: %llu",
-             static_cast<unsigned long long>(item.writePosition), static_cast<unsigned long long>(item.writeLength),
-             static_cast<unsigned long long>(item.transferValue));
+  WrittenChunk chunk{item.writePosition, item.writeLength, item.updateProgress, item.transferValue};
+  reporter_.Report(chunk);
   return 0;
 }
 
@@ -114,6 +132,7 @@ void AsyncWriterThread::Stop(pthread_t& thread) {
     pthread_cancel(thread);
   }
   pthread_join(thread, nullptr);
+  reporter_.Finish();
   thread = pthread_t();
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "transfer/blocking_queue.h"
+#include "transfer/chunk_reporter.h"
 #include "transfer/queueitem.h"
 
 namespace orv {
@@ -14,8 +15,8 @@ class AllBackupStatus;
 class IscsiBlockDevice;
 
 // The consumer of a copy's writer queue: pops chunks, seeks and writes them to the
-// volume's iSCSI LUN, advances the volume's bytes-transferred figure and keeps a failure
-// text that the copier polls. Errors reach the copier only through that text and the
+// volume's iSCSI LUN, advances the volume's bytes-transferred figure (through a
+// ChunkReporter, beside the next write) and keeps a failure text that the copier polls. Errors reach the copier only through that text and the
 // status document's error entries (code 108).
 class AsyncWriterThread {
  public:
@@ -53,6 +54,9 @@ class AsyncWriterThread {
   BlockingQueue<queueitem>* queue_ = nullptr;
   IscsiBlockDevice* device_ = nullptr;
   std::string backupId_;
+  // Reports each written chunk beside the next write once Run started it, at once before.
+  // Not on Run's stack: a cancelled writer thread unwinds without waiting for it.
+  ChunkReporter reporter_;
 };
 
 }  // namespace orv

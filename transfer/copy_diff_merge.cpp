@@ -3,27 +3,133 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
+#include <condition_variable>
 #include <cstring>
-#include <memory>
+#include <mutex>
+#include <system_error>
+#include <thread>
 
 #include "api/all_backup_status.h"
 #include "daemon/logger.h"
 #include "transfer/copy_full.h"
 #include "transfer/iscsi_block_device.h"
+#include "transfer/queueitem.h"
 #include "transfer/snapshot_reader.h"
 
 namespace orv {
 
 namespace {
 
-struct FreeDeleter {
-  void operator()(void* p) const { free(p); }
-};
-
 void TargetError(CopyJob& job, const char* text) {
   if (job.status) job.status->setError(text, kErrorTargetWrite);
 }
+
+// A chunk buffer from the process's pool of warm buffers, given back when it leaves scope.
+class ChunkBuffer {
+ public:
+  ChunkBuffer() : data_(AllocateChunkBuffer(kChunkBytes)) {}
+  virtual ~ChunkBuffer() { ReleaseChunkBuffer(data_); }
+  ChunkBuffer(const ChunkBuffer&) = delete;
+  ChunkBuffer& operator=(const ChunkBuffer&) = delete;
+  unsigned char* get() const { return data_; }
+
+ private:
+  unsigned char* data_;
+};
+
+// Reads the snapshot ahead of the comparison on a thread of its own, chunk after chunk,
+// into a ring of kRing buffers: while the copy's thread reads chunk k of the target, the
+// snapshot's chunks k + 1 and k + 2 are read, so the two devices are read at the same
+// time instead of by turns. The copy takes the chunks in order and gives each back once
+// it is settled. Without a thread (none could be started) each chunk is read when taken.
+class SnapshotAhead {
+ public:
+  explicit SnapshotAhead(int fd) : fd_(fd) {}
+  virtual ~SnapshotAhead() { Stop(); }
+  SnapshotAhead(const SnapshotAhead&) = delete;
+  SnapshotAhead& operator=(const SnapshotAhead&) = delete;
+
+  bool Ready() const {
+    for (const ChunkBuffer& buffer : buffers_) {
+      if (buffer.get() == nullptr) return false;
+    }
+    return true;
+  }
+
+  void Start() {
+    try {
+      thread_ = std::thread([this] { Run(); });
+    } catch (const std::system_error&) {
+      // Reading by turns is slower, not wrong.
+    }
+  }
+
+  // Chunk k of the snapshot: its length, 0 at the end, -1 with *error set.
+  ssize_t Take(uint64_t k, const unsigned char** data, int* error) {
+    Slot& slot = slots_[k % kRing];
+    *data = buffers_[k % kRing].get();
+    if (!thread_.joinable()) {
+      slot.length = read(fd_, buffers_[k % kRing].get(), kCopyChunkBytes);
+      slot.error = errno;
+    } else {
+      std::unique_lock<std::mutex> hold(lock_);
+      changed_.wait(hold, [&] { return read_ > k; });
+    }
+    *error = slot.error;
+    return slot.length;
+  }
+
+  // Chunk k is settled: its buffer may take chunk k + kRing.
+  void Give(uint64_t k) {
+    std::lock_guard<std::mutex> hold(lock_);
+    given_ = k + 1;
+    changed_.notify_all();
+  }
+
+  void Stop() {
+    {
+      std::lock_guard<std::mutex> hold(lock_);
+      stop_ = true;
+      changed_.notify_all();
+    }
+    if (thread_.joinable()) thread_.join();
+  }
+
+ private:
+  static constexpr uint64_t kRing = 3;
+
+  struct Slot {
+    ssize_t length = 0;
+    int error = 0;
+  };
+
+  void Run() {
+    for (uint64_t k = 0;; ++k) {
+      {
+        std::unique_lock<std::mutex> hold(lock_);
+        changed_.wait(hold, [&] { return stop_ || k < given_ + kRing; });
+        if (stop_) return;
+      }
+      ssize_t n = read(fd_, buffers_[k % kRing].get(), kCopyChunkBytes);
+      int error = errno;
+      std::lock_guard<std::mutex> hold(lock_);
+      slots_[k % kRing] = Slot{n, error};
+      read_ = k + 1;
+      changed_.notify_all();
+      if (n <= 0) return;
+    }
+  }
+
+  int fd_;
+  ChunkBuffer buffers_[kRing];
+  Slot slots_[kRing];
+  std::thread thread_;
+  std::mutex lock_;
+  std::condition_variable changed_;
+  uint64_t read_ = 0;   // chunks read so far
+  uint64_t given_ = 0;  // chunks settled so far
+  bool stop_ = false;
+};
 
 }  // namespace
 
@@ -33,24 +139,22 @@ bool CopyDiffMergeAllBlocks(CopyJob& job, IscsiBlockDevice& device) {
   SnapshotReader snapshot;
   if (!snapshot.Open(job, device, "Open snapshot device %s failed: %d")) return false;
 
-  void* aligned = nullptr;
-  if (posix_memalign(&aligned, static_cast<size_t>(getpagesize()), kCopyChunkBytes) != 0) {
-    LogEvent(kError, job.backupId, "Could not allocate snapshot read buffer.");
-    return false;
-  }
-  std::unique_ptr<unsigned char, FreeDeleter> local(static_cast<unsigned char*>(aligned));
-  std::unique_ptr<unsigned char[]> remote(new (std::nothrow) unsigned char[kCopyChunkBytes]);
-  if (!remote) {
+  SnapshotAhead ahead(snapshot.fd());
+  ChunkBuffer remote;
+  if (!ahead.Ready() || remote.get() == nullptr) {
     LogEvent(kError, job.backupId, "Could not allocate snapshot read buffer.");
     return false;
   }
   if (job.status) job.status->setTotalSize(job.volumeUuid, static_cast<int64_t>(job.volumeSize));
+  ahead.Start();
 
   uint64_t transferred = 0;
-  for (;;) {
-    ssize_t n = read(snapshot.fd(), local.get(), kCopyChunkBytes);
+  for (uint64_t k = 0;; ++k) {
+    const unsigned char* local = nullptr;
+    int readError = 0;
+    ssize_t n = ahead.Take(k, &local, &readError);
     if (n < 0) {
-      LogEvent(kError, job.backupId, "Error reading from snapshot, errno %d", errno);
+      LogEvent(kError, job.backupId, "Error reading from snapshot, errno %d", readError);
       return false;
     }
     if (n == 0) return true;
@@ -68,20 +172,22 @@ bool CopyDiffMergeAllBlocks(CopyJob& job, IscsiBlockDevice& device) {
     }
     transferred += static_cast<uint64_t>(n);
     if (job.status) job.status->setBytesTransferred(job.volumeUuid, transferred);
-    if (memcmp(local.get(), remote.get(), static_cast<size_t>(n)) == 0) continue;
-    if (device.Seek(-n, SEEK_CUR) < 0) {
-      TargetError(job, "Could not seek on target device.");
-      LogEvent(kError, job.backupId, "Iscsi backward seek failed: %d", errno);
-      return false;
+    if (memcmp(local, remote.get(), static_cast<size_t>(n)) != 0) {
+      if (device.Seek(-n, SEEK_CUR) < 0) {
+        TargetError(job, "Could not seek on target device.");
+        LogEvent(kError, job.backupId, "Iscsi backward seek failed: %d", errno);
+        return false;
+      }
+      int64_t written = device.WriteRetry(local, static_cast<size_t>(n));
+      if (written < 1) {
+        int error = errno;
+        TargetError(job, "Could not write to target device.");
+        LogEvent(kError, job.backupId, "Write to iscsi target failed: %d write returned %d", error,
+                 static_cast<int>(written));
+        return false;
+      }
     }
-    int64_t written = device.WriteRetry(local.get(), static_cast<size_t>(n));
-    if (written < 1) {
-      int error = errno;
-      TargetError(job, "Could not write to target device.");
-      LogEvent(kError, job.backupId, "Write to iscsi target failed: %d write returned %d", error,
-               static_cast<int>(written));
-      return false;
-    }
+    ahead.Give(k);
   }
 }
 

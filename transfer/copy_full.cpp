@@ -12,6 +12,7 @@
 #include "fsmaps/used_block_bitmap.h"
 #include "transfer/file_skipper.h"
 #include "transfer/iscsi_block_device.h"
+#include "transfer/mapped_buffer.h"
 #include "transfer/snapshot_reader.h"
 #include "transfer/writer_pipeline.h"
 
@@ -25,7 +26,9 @@ bool BitSet(const uint8_t* bitmap, uint64_t k) { return (bitmap[k / 8] >> (k % 8
 // use it, so they see the same blocks.
 class UsedBlockWalk {
  public:
-  UsedBlockWalk(CopyJob& job, FileSkipper& skipper) : job_(job), skipper_(skipper), bitmap_(kBitmapBufferBytes, 0) {}
+  UsedBlockWalk(CopyJob& job, FileSkipper& skipper) : job_(job), skipper_(skipper), bitmap_(kBitmapBufferBytes) {}
+
+  bool ready() const { return bitmap_.data() != nullptr; }
 
   // Calls onPiece(start, count) after each piece is loaded; false on a bitmap error or
   // when onPiece returns false.
@@ -60,7 +63,7 @@ class UsedBlockWalk {
   uint64_t nextUsed(uint64_t k, uint64_t end) const {
     while (k < end) {
       if (k % 8 == 0) {
-        while (k + 8 <= end && bitmap_[k / 8] == 0) k += 8;
+        while (k + 8 <= end && bitmap_.data()[k / 8] == 0) k += 8;
         if (k >= end) break;
       }
       if (BitSet(bitmap_.data(), k)) return k;
@@ -73,7 +76,7 @@ class UsedBlockWalk {
  private:
   CopyJob& job_;
   FileSkipper& skipper_;
-  std::vector<uint8_t> bitmap_;
+  MappedBuffer bitmap_;  // zeros until the first piece is read
   uint64_t blockSize_ = 0;
 };
 
@@ -114,8 +117,6 @@ bool CopyFullAllBlocks(CopyJob& job, IscsiBlockDevice& device) {
     item->updateProgress = true;
     item->transferValue = done + static_cast<uint64_t>(n);
     done += static_cast<uint64_t>(n);
-    LogDisplay(kDebug, "Writing to queue writepos %ld writelen %ld", static_cast<long>(item->writePosition),
-               static_cast<long>(item->writeLength));
     if (!pipeline.Push(std::move(item))) {
       ok = false;
       break;
@@ -134,6 +135,10 @@ bool CopyFullUsedBlocks(CopyJob& job, IscsiBlockDevice& device) {
 
   FileSkipper skipper(job.cowFiles, job.backupId, job.cowSkipDisabled);
   UsedBlockWalk walk(job, skipper);
+  if (!walk.ready()) {
+    LogEvent(kError, job.backupId, "Error while retrieving used block bitmap, error %llu, errno %d", 0ULL, errno);
+    return false;
+  }
 
   // Counting pass: the total the appliance sees before any data moves.
   uint64_t usedBlocks = 0;
@@ -185,8 +190,6 @@ bool CopyFullUsedBlocks(CopyJob& job, IscsiBlockDevice& device) {
     item->writeLength = static_cast<int64_t>(runBytes);
     item->updateProgress = true;
     item->transferValue = totalRead;
-    LogDisplay(kDebug, "Writing to queue writepos %ld writelen %ld", static_cast<long>(item->writePosition),
-               static_cast<long>(item->writeLength));
     if (!pipeline.Push(std::move(item))) return false;
     runStart = -1;
     runBytes = 0;

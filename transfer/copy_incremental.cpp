@@ -14,6 +14,7 @@
 #include "daemon/unique_fd.h"
 #include "transfer/copy_full.h"
 #include "transfer/iscsi_block_device.h"
+#include "transfer/mapped_buffer.h"
 #include "transfer/snapshot_reader.h"
 #include "transfer/writer_pipeline.h"
 
@@ -28,12 +29,15 @@ constexpr off_t kMapHeaderBytes = 4096;
 class ChangeMap {
  public:
   ChangeMap(CopyJob& job, int cowFd, int historyFd)
-      : job_(job), cowFd_(cowFd), historyFd_(historyFd), history_("", job.volumeUuid, job.backupId) {}
+      : job_(job),
+        cowFd_(cowFd),
+        historyFd_(historyFd),
+        history_("", job.volumeUuid, job.backupId),
+        buffer_(kChangeMapChunkBytes),
+        words_(reinterpret_cast<uint64_t*>(buffer_.data())) {}
 
   bool allocate() {
-    try {
-      words_.assign(kChangeMapChunkBytes / 8, 0);
-    } catch (const std::bad_alloc&) {
+    if (words_ == nullptr) {
       LogEvent(kError, job_.backupId, "Could not allocate incremental map buffer.");
       return false;
     }
@@ -57,7 +61,7 @@ class ChangeMap {
     firstBlock_ += entries_;
     entries_ = 0;
     size_t done = 0;
-    char* buffer = reinterpret_cast<char*>(words_.data());
+    char* buffer = reinterpret_cast<char*>(words_);
     while (done < kChangeMapChunkBytes) {
       ssize_t n = read(cowFd_, buffer + done, kChangeMapChunkBytes - done);
       if (n < 0) {
@@ -73,7 +77,7 @@ class ChangeMap {
     if (done == 0) return false;
     size_t entries = done / 8;
     if (historyFd_ >= 0) {
-      int error = history_.overlay(words_.data(), entries * 8, offset_, historyFd_);
+      int error = history_.overlay(words_, entries * 8, offset_, historyFd_);
       if (error != 0) {
         LogEvent(kError, job_.backupId, "Could not overlay incremental history. errno: %d", error);
         job_.changeMapBroken = true;
@@ -102,7 +106,8 @@ class ChangeMap {
   int cowFd_;
   int historyFd_;
   IncrementalHistory history_;
-  std::vector<uint64_t> words_;
+  MappedBuffer buffer_;  // only the pages of the map read so far count
+  uint64_t* words_;
   off_t offset_ = kMapHeaderBytes;
   uint64_t firstBlock_ = 0;
   size_t entries_ = 0;
@@ -191,8 +196,6 @@ bool CopyIncrementalAllBlocks(CopyJob& job, IscsiBlockDevice& device) {
     item->writeLength = n;
     item->updateProgress = true;
     item->transferValue = total;
-    LogDisplay(kDebug, "Writing to queue writepos %ld writelen %ld", static_cast<long>(item->writePosition),
-               static_cast<long>(item->writeLength));
     if (!pipeline.Push(std::move(item))) return false;
     runStart = -1;
     runBytes = 0;

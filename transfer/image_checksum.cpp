@@ -9,6 +9,7 @@
 
 #include "api/all_backup_status.h"
 #include "daemon/logger.h"
+#include "transfer/mapped_buffer.h"
 
 namespace orv {
 
@@ -16,10 +17,6 @@ namespace {
 
 // These errors have no code of their own for the appliance; it shows the message.
 constexpr int kNoErrorCode = 0;
-
-struct FreeDeleter {
-  void operator()(unsigned char* buffer) const { free(buffer); }
-};
 
 // libgcrypt must be initialised once before its first use, from any thread.
 void InitialiseGcrypt() {
@@ -64,13 +61,13 @@ bool GetImageChecksum(const VolumeImage& volume, std::string& checksum) {
     device.Disconnect();
     return false;
   }
-  std::unique_ptr<unsigned char, FreeDeleter> buffer(static_cast<unsigned char*>(malloc(kImageChecksumBytes)));
-  if (!buffer) {
+  MappedBuffer buffer(kImageChecksumBytes);
+  if (buffer.data() == nullptr) {
     LogEvent(kError, volume.backupId, "Read from iscsi target failed: %d read returned %d", ENOMEM, -1);
     device.Disconnect();
     return false;
   }
-  int64_t bytesRead = device.ReadRetry(buffer.get(), kImageChecksumBytes);
+  int64_t bytesRead = device.ReadRetry(buffer.data(), kImageChecksumBytes);
   if (bytesRead < 1) {
     int error = errno;
     SetStatusError(volume, "Could not read from target device.");
@@ -83,7 +80,7 @@ bool GetImageChecksum(const VolumeImage& volume, std::string& checksum) {
   // The whole buffer counts, also after a short read near the end of the LUN, whose tail
   // was never written. Such a checksum need not match the next one; a mismatch only makes
   // the next backup compare the image with a diff-merge instead of trusting it.
-  checksum = Crc32Text(buffer.get(), kImageChecksumBytes);
+  checksum = Crc32Text(buffer.data(), kImageChecksumBytes);
   return true;
 }
 

@@ -54,13 +54,18 @@ IscsiBlockDevice::~IscsiBlockDevice() {
   if (context_) Disconnect();
 }
 
+void IscsiBlockDevice::Event(const char* text) {
+  if (beforeLog_) beforeLog_();
+  LogEvent(kError, "", "%s", text);
+}
+
 bool IscsiBlockDevice::FailConnect(const char* format, ...) {
   char text[1024];
   va_list args;
   va_start(args, format);
   vsnprintf(text, sizeof(text), format, args);
   va_end(args);
-  LogEvent(kError, "", "%s", text);
+  Event(text);
   context_.reset();
   return false;
 }
@@ -73,7 +78,7 @@ bool IscsiBlockDevice::Connect() {
   // volume's LUN to exactly that name.
   context_.reset(iscsi_create_context(qualifiedName_.c_str()));
   if (!context_) {
-    LogEvent(kError, "", "Failed to create iscsi context.");
+    Event("Failed to create iscsi context.");
     return false;
   }
   iscsi_context* context = context_.get();
@@ -108,7 +113,7 @@ bool IscsiBlockDevice::Connect() {
   }
   fd_ = iscsi_get_fd(context);
   if (fd_ > kHighestSocketFd) {
-    LogEvent(kError, "", "Iscsi socket error - too many files open.");
+    Event("Iscsi socket error - too many files open.");
     if (iscsi_is_logged_in(context)) iscsi_logout_sync(context);
     context_.reset();
     return false;
@@ -176,12 +181,23 @@ int64_t IscsiBlockDevice::Read(void* buffer, size_t length, bool& retryFlag) {
     errno = EINVAL;
     return -1;
   }
+  uint64_t requested = blocks * blockSize_;
+  // A read of whole blocks lands straight in the caller's buffer; only a read that starts
+  // or ends inside a block goes through libiscsi's own buffer and a copy.
+  bool direct = offsetInBlock == 0 && length == requested;
   busy_ = true;
-  TaskPtr task(iscsi_read16_sync(context_.get(), lun_, lba, static_cast<uint32_t>(blocks * blockSize_),
+  TaskPtr task;
+  if (direct) {
+    scsi_iovec iov{buffer, static_cast<size_t>(requested)};
+    task.reset(iscsi_read16_iov_sync(context_.get(), lun_, lba, static_cast<uint32_t>(requested),
+                                     static_cast<int>(blockSize_), 0, 0, 0, 0, 0, &iov, 1));
+  } else {
+    task.reset(iscsi_read16_sync(context_.get(), lun_, lba, static_cast<uint32_t>(requested),
                                  static_cast<int>(blockSize_), 0, 0, 0, 0, 0));
+  }
   busy_ = false;
   if (!TaskGood(task.get())) {
-    LogEvent(kError, "", "Failed during iscsi read command.");
+    Event("Failed during iscsi read command.");
     errno = EIO;
     broken_ = true;
     retryFlag = true;
@@ -189,14 +205,20 @@ int64_t IscsiBlockDevice::Read(void* buffer, size_t length, bool& retryFlag) {
   }
   // The data starts at the block boundary; a target that sends fewer bytes than asked
   // gives a short read rather than stale bytes.
-  size_t available = task->datain.size > 0 ? static_cast<size_t>(task->datain.size) : 0;
+  size_t available;
+  if (direct) {
+    size_t missing = task->residual_status == SCSI_RESIDUAL_UNDERFLOW ? task->residual : 0;
+    available = missing < requested ? static_cast<size_t>(requested) - missing : 0;
+  } else {
+    available = task->datain.size > 0 ? static_cast<size_t>(task->datain.size) : 0;
+  }
   if (available <= offsetInBlock) {
-    LogEvent(kError, "", "Failed during iscsi read command.");
+    Event("Failed during iscsi read command.");
     errno = EIO;
     return -1;
   }
   if (length > available - offsetInBlock) length = available - offsetInBlock;
-  memcpy(buffer, task->datain.data + offsetInBlock, length);
+  if (!direct) memcpy(buffer, task->datain.data + offsetInBlock, length);
   position_ += static_cast<int64_t>(length);
   return static_cast<int64_t>(length);
 }
@@ -232,7 +254,7 @@ int64_t IscsiBlockDevice::Write(const void* buffer, size_t length, bool& retryFl
                                   static_cast<uint32_t>(length), static_cast<int>(blockSize_), 0, 0, 0, 0, 0));
   busy_ = false;
   if (!TaskGood(task.get())) {
-    LogEvent(kError, "", "Failed during iscsi write command.");
+    Event("Failed during iscsi write command.");
     errno = EIO;
     broken_ = true;
     retryFlag = true;
@@ -258,7 +280,7 @@ int64_t IscsiBlockDevice::ReadRetry(void* buffer, size_t length) {
   int64_t result = Read(buffer, length, retryFlag);
   if (!retryFlag) return result;
   for (int attempt = 0; attempt < kReconnectAttempts; ++attempt) {
-    LogEvent(kError, "", "Read iscsi failed, sleeping, reconnecting, and retrying");
+    Event("Read iscsi failed, sleeping, reconnecting, and retrying");
     sleep(1);
     if (!Reconnect()) continue;
     retryFlag = false;
@@ -276,7 +298,7 @@ int64_t IscsiBlockDevice::WriteRetry(const void* buffer, size_t length) {
   int64_t result = Write(buffer, length, retryFlag);
   if (!retryFlag) return result;
   for (int attempt = 0; attempt < kReconnectAttempts; ++attempt) {
-    LogEvent(kError, "", "Write iscsi failed, sleeping, reconnecting, and retrying");
+    Event("Write iscsi failed, sleeping, reconnecting, and retrying");
     sleep(1);
     if (!Reconnect()) continue;
     retryFlag = false;

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -53,6 +54,10 @@ class IscsiBlockDevice {
   int64_t ReadRetry(void* buffer, size_t length);
   int64_t WriteRetry(const void* buffer, size_t length);
 
+  // Runs on the calling thread before the device stores a log row. The async writer lets
+  // the rows its reporter still holds go first, so that rows keep the writer's order.
+  void SetBeforeLog(std::function<void()> hook) { beforeLog_ = std::move(hook); }
+
   // whence 0 (start), 1 (current), 2 (end); the new position or -1 with EINVAL.
   int64_t Seek(int64_t offset, int whence);
   int64_t Size() const { return static_cast<int64_t>(blockSize_ * blockCount_); }
@@ -74,6 +79,8 @@ class IscsiBlockDevice {
   using ContextPtr = std::unique_ptr<iscsi_context, ContextDeleter>;
   using TaskPtr = std::unique_ptr<scsi_task, TaskDeleter>;
 
+  // Stores a log row at ERROR with an empty backup id, after the before-log hook.
+  void Event(const char* text);
   // Logs a failed connect step and drops the half-made context.
   bool FailConnect(const char* format, ...) __attribute__((format(printf, 2, 3)));
   // Drops the session and logs in again at the same byte position.
@@ -92,6 +99,7 @@ class IscsiBlockDevice {
   std::string password_;
   bool broken_ = false;
   Mutex lock_{true};
+  std::function<void()> beforeLog_;
 };
 
 }  // namespace orv

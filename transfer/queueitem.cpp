@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "backup/mutex.h"
+#include "transfer/mapped_buffer.h"
 
 namespace orv {
 
@@ -30,7 +31,7 @@ class ChunkBufferPool {
         return buffer;
       }
     }
-    unsigned char* buffer = Fresh(kChunkBytes);
+    unsigned char* buffer = MappedBuffer::Map(kChunkBytes);
     if (buffer == nullptr) return nullptr;
     MutexLock hold(lock_);
     if (hold.locked()) lent_.push_back(buffer);
@@ -47,7 +48,7 @@ class ChunkBufferPool {
     if (idle_.size() < kIdleChunkBuffers) {
       idle_.push_back(buffer);
     } else {
-      free(buffer);
+      MappedBuffer::Unmap(buffer, kChunkBytes);
     }
     return true;
   }

@@ -22,6 +22,22 @@ def start_bench(work, *args):
                             stderr=subprocess.STDOUT, text=True, start_new_session=True)
 
 
+def finish(bench, timeout):
+    """The output of a bench run once it ended. A run still going after `timeout` is asked to
+    stop (SIGTERM: scripts/bench then removes its rig itself) and killed only when it does
+    not; the test fails either way, and leaves no rig running behind it."""
+    try:
+        return bench.communicate(timeout=timeout)[0]
+    except subprocess.TimeoutExpired:
+        os.kill(bench.pid, signal.SIGTERM)
+        try:
+            output = bench.communicate(timeout=300)[0]
+        except subprocess.TimeoutExpired:
+            os.killpg(bench.pid, signal.SIGKILL)
+            output = bench.communicate()[0]
+        raise AssertionError("scripts/bench did not end within %d s:\n%s" % (timeout, output))
+
+
 def mounts_under(path):
     prefix = os.path.realpath(path) + "/"
     with open("/proc/self/mountinfo") as f:
@@ -52,7 +68,8 @@ def test_tiny_run_reports_every_row(tmp_path):
     out = tmp_path / "out"
     work.mkdir()
     bench = start_bench(work, "--out", str(out))
-    output, _ = bench.communicate(timeout=600)
+    # Minutes on a sanitizer build of a busy machine.
+    output = finish(bench, 1800)
     assert bench.returncode == 0, output
     result = json.loads((out / "results.json").read_text())
     rows = {(row["target"], row["kind"]): row for row in result["rows"]}
@@ -82,7 +99,7 @@ def test_tiny_run_reports_every_row(tmp_path):
 def test_refuses_to_start_without_room(tmp_path):
     # A volume of a petabyte needs more disk and memory than any machine here has.
     bench = start_bench(tmp_path, "--size-mib", str(1 << 30))
-    output, _ = bench.communicate(timeout=60)
+    output = finish(bench, 60)
     assert bench.returncode == 1, output
     assert "MiB free in %s, only" % tmp_path in output
     assert "MiB of available memory, only" in output

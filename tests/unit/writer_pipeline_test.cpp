@@ -81,6 +81,30 @@ TEST_F(WriterPipelineTest, AChunkBeyondTheLunFailsTheWriterWithTheSeekError) {
   EXPECT_TRUE(ReadBacking(lunPath_, 0, kChunk) == std::vector<unsigned char>(kChunk, 0));
 }
 
+// The progress of each chunk is reported beside the next write, yet the rows keep the
+// writer's order: every chunk's row, in turn, and all of them before the failure's rows.
+TEST_F(WriterPipelineTest, ProgressRowsKeepTheirOrderAndComeBeforeTheFailure) {
+  WriterPipeline pipeline(*device_, kBackupId, kVolume, &status_);
+  ASSERT_TRUE(pipeline.Start());
+  for (size_t i = 0; i < 8; ++i) {
+    ASSERT_TRUE(pipeline.Push(Chunk(static_cast<int64_t>(i * kChunk), kChunk, (i + 1) * kChunk)));
+  }
+  ASSERT_TRUE(pipeline.Push(Chunk(static_cast<int64_t>(lunBytes_) + 4096, kChunk, 9 * kChunk)));
+  EXPECT_FALSE(pipeline.Finish());
+  std::vector<std::string> expected;
+  for (size_t i = 1; i <= 8; ++i) {
+    expected.push_back("Set backup of volume " + std::string(kVolume) + " 'BYTES TRANSFERRED' to " +
+                       std::to_string(i * kChunk) + " bytes.");
+  }
+  expected.push_back("Set error Could not seek on target device. to 108.");
+  std::vector<std::string> rows;
+  for (const std::string& message : LoggedMessages(root_)) {
+    if (message.rfind("Set backup of volume", 0) == 0 || message.rfind("Set error", 0) == 0) rows.push_back(message);
+  }
+  EXPECT_EQ(rows, expected);
+  EXPECT_EQ(status_.volumes().at(0).bytesTransferred, 8 * kChunk);
+}
+
 TEST_F(WriterPipelineTest, ATargetThatRefusesWritesStopsTheProducerAndFreesEveryChunk) {
   ASSERT_EQ(tgtd_.Tgtadm({"--lld", "iscsi", "--op", "update", "--mode", "logicalunit", "--tid", "1", "--lun", "1",
                           "--params", "readonly=1"}),

@@ -1,0 +1,64 @@
+#ifndef ORV_TRANSFER_CHUNK_REPORTER_H_
+#define ORV_TRANSFER_CHUNK_REPORTER_H_
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace orv {
+
+class AllBackupStatus;
+
+// A chunk the async writer has written, as its progress report needs it.
+struct WrittenChunk {
+  int64_t writePosition = 0;
+  int64_t writeLength = 0;
+  bool updateProgress = false;
+  uint64_t transferValue = 0;
+};
+
+// Reports the async writer's chunks (the volume's bytes-transferred figure, whose setter
+// stores a log row, and the display line) on a thread of its own, in the order written.
+// A log row costs the database's synchronous commit, about as long as writing a chunk to
+// a fast target; reported beside the writes it no longer adds to them. The writer waits
+// when kMostBehind reports are pending, and drains the reporter before it logs a failure
+// or ends, so every row comes in the same order as when the writer reported itself.
+// Without a thread (none could be started) each chunk is reported at once.
+class ChunkReporter {
+ public:
+  ChunkReporter(const std::string& volumeUuid, AllBackupStatus* status);
+  virtual ~ChunkReporter();
+  ChunkReporter(const ChunkReporter&) = delete;
+  ChunkReporter& operator=(const ChunkReporter&) = delete;
+
+  void Start();
+  void Report(const WrittenChunk& chunk);
+  // Returns once every chunk reported so far is told.
+  void Drain();
+  // Drains and ends the thread.
+  void Finish();
+
+  // What a report does: the progress setter, then the display line.
+  static void Tell(const std::string& volumeUuid, AllBackupStatus* status, const WrittenChunk& chunk);
+
+ private:
+  static constexpr size_t kMostBehind = 4;
+
+  void Run();
+
+  std::string volumeUuid_;
+  AllBackupStatus* status_;
+  std::thread thread_;
+  std::mutex lock_;
+  std::condition_variable changed_;
+  std::deque<WrittenChunk> pending_;
+  bool telling_ = false;  // the thread is telling a chunk it took from pending_
+  bool finish_ = false;
+};
+
+}  // namespace orv
+
+#endif  // ORV_TRANSFER_CHUNK_REPORTER_H_
