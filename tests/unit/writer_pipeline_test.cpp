@@ -98,7 +98,7 @@ TEST_F(WriterPipelineTest, ProgressRowsKeepTheirOrderAndComeBeforeTheFailure) {
   }
   expected.push_back("Set error Could not seek on target device. to 108.");
   std::vector<std::string> rows;
-  for (const std::string& message : LoggedMessages(root_)) {
+  for (const std::string& message : LoggedMessages()) {
     if (message.rfind("Set backup of volume", 0) == 0 || message.rfind("Set error", 0) == 0) rows.push_back(message);
   }
   EXPECT_EQ(rows, expected);
