@@ -130,9 +130,10 @@ def leftovers(output):
 
 
 INTERRUPTS = {
-    # Right after enrolling the agent is being started in the background: a signal
-    # between its start and the note of its pid must not leave it running.
-    "enrolment": r"^  enrolled: ",
+    # Right after enrolling the agent is started in the background and probed until it
+    # answers: a signal then must not leave it running, nor lose the clean-up's report
+    # to the probe's silenced output.
+    "enrolment": r"^    issuer=",
     # The copy is under way: the agent must first take the volume out of snapshot mode.
     "backup": r"^\S+ full .* active *$",
 }
