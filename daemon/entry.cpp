@@ -26,6 +26,7 @@
 #include "store/config_table.h"
 #include "store/configs.h"
 #include "store/database_maintainer.h"
+#include "store/database_keeper.h"
 
 namespace orv {
 
@@ -297,6 +298,7 @@ int AgentMain(int argc, char** argv) {
 
   int result;
   {
+    DatabaseKeeper keeper;
     SignalWaiter waiter({SIGTERM, SIGINT, SIGALRM});
     waiter.install();
     result = RunServer(waiter);
