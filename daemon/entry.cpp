@@ -298,9 +298,11 @@ int AgentMain(int argc, char** argv) {
 
   int result;
   {
-    DatabaseKeeper keeper;
     SignalWaiter waiter({SIGTERM, SIGINT, SIGALRM});
     waiter.install();
+    // After the handlers: switching the journal can wait on another process's lock, and
+    // a SIGTERM meanwhile must still end the daemon in order.
+    DatabaseKeeper keeper;
     result = RunServer(waiter);
   }
   lock.reset();
