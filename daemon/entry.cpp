@@ -26,6 +26,7 @@
 #include "store/config_table.h"
 #include "store/configs.h"
 #include "store/database_maintainer.h"
+#include "store/database_keeper.h"
 
 namespace orv {
 
@@ -299,6 +300,9 @@ int AgentMain(int argc, char** argv) {
   {
     SignalWaiter waiter({SIGTERM, SIGINT, SIGALRM});
     waiter.install();
+    // After the handlers: switching the journal can wait on another process's lock, and
+    // a SIGTERM meanwhile must still end the daemon in order.
+    DatabaseKeeper keeper;
     result = RunServer(waiter);
   }
   lock.reset();

@@ -12,6 +12,7 @@
 
 #include "daemon/logger.h"
 #include "store/database.h"
+#include "store/database_keeper.h"
 
 namespace orv {
 
@@ -177,6 +178,7 @@ bool insert_log(int level, const std::string& backupId, const std::string& messa
   DatabaseSession session;
   if (!session.ok()) return false;
   sqlite3* db = session.db();
+  RelaxLogSync(db);
   Statement insert;
   if (!insert.prepare(db,
                       "INSERT INTO logs ( backup_id, level, message, datetm ) VALUES( ?, ?, ?, datetime( CURRENT_TIMESTAMP, 'localtime' ) );")) {
@@ -206,6 +208,7 @@ bool delete_logs_before(int32_t cutoff) {
   DatabaseSession session;
   if (!session.ok()) return false;
   sqlite3* db = session.db();
+  RelaxLogSync(db);
   int64_t last = 0;
   bool bounded = logAges.reach(db, cutoff, &last);
   if (bounded && last < 0) return true;  // no row is old enough: the statement would delete nothing

@@ -2,6 +2,7 @@
 #include <sqlite3.h>
 
 #include <chrono>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "store/config_table.h"
 #include "store/configs.h"
 #include "store/database.h"
+#include "store/database_keeper.h"
 #include "store/database_maintainer.h"
 #include "store/history.h"
 #include "store/history_table.h"
@@ -245,6 +247,59 @@ TEST(DatabaseTest, OpenFailsWhileAnotherThreadHoldsTheConnection) {
   EXPECT_FALSE(Database::close());  // not open: logged, mutex left usable
   std::string value;
   EXPECT_TRUE(set_config("after", "ok"));
+}
+
+// While the daemon runs the file is in write-ahead-log mode and every row the store
+// commits is visible to any other reader at once; once the keeper is gone the file is
+// one plain rollback-journal database again, with every row in it.
+TEST_F(StoreTest, KeeperHoldsTheWriteAheadLogOnlyWhileItLives) {
+  const std::string path = root_.databasePath();
+  {
+    DatabaseKeeper keeper;
+    ASSERT_TRUE(keeper.active());
+    EXPECT_TRUE(DatabaseKeeper::anyActive());
+    EXPECT_EQ(Rows(path, "PRAGMA journal_mode"), std::vector<std::string>{"wal"});
+    for (int i = 0; i < 50; ++i) ASSERT_TRUE(insert_log(kInfo, "b1", "row " + std::to_string(i)));
+    ASSERT_TRUE(set_config("kept", "yes"));
+    EXPECT_EQ(Rows(path, "SELECT COUNT(*) FROM logs WHERE backup_id = 'b1'"), std::vector<std::string>{"50"});
+    EXPECT_EQ(Rows(path, "SELECT value FROM config WHERE name = 'kept'"), std::vector<std::string>{"yes"});
+    EXPECT_TRUE(std::filesystem::exists(path + "-wal"));
+  }
+  EXPECT_FALSE(DatabaseKeeper::anyActive());
+  EXPECT_FALSE(std::filesystem::exists(path + "-wal"));
+  EXPECT_FALSE(std::filesystem::exists(path + "-shm"));
+  EXPECT_EQ(Rows(path, "PRAGMA journal_mode"), std::vector<std::string>{"delete"});
+  EXPECT_EQ(Rows(path, "SELECT COUNT(*) FROM logs WHERE backup_id = 'b1'"), std::vector<std::string>{"50"});
+  EXPECT_EQ(Rows(path, "PRAGMA integrity_check"), std::vector<std::string>{"ok"});
+}
+
+// Another process holding the file keeps the agent on the rollback journal, and one
+// still reading at the agent's exit keeps the log: neither loses a row or a statement.
+TEST_F(StoreTest, KeeperGivesWayToOtherConnections) {
+  const std::string path = root_.databasePath();
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "BEGIN EXCLUSIVE;", nullptr, nullptr, nullptr), SQLITE_OK);
+  {
+    DatabaseKeeper keeper;
+    EXPECT_FALSE(keeper.active());
+    EXPECT_FALSE(DatabaseKeeper::anyActive());
+  }
+  ASSERT_EQ(sqlite3_exec(other, "COMMIT;", nullptr, nullptr, nullptr), SQLITE_OK);
+  EXPECT_TRUE(insert_log(kInfo, "b2", "on the rollback journal"));
+  EXPECT_EQ(Rows(path, "PRAGMA journal_mode"), std::vector<std::string>{"delete"});
+  {
+    DatabaseKeeper keeper;
+    ASSERT_TRUE(keeper.active());
+    EXPECT_TRUE(insert_log(kInfo, "b2", "in the log"));
+    sqlite3_stmt* reading = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(other, "SELECT COUNT(*) FROM logs", -1, &reading, nullptr), SQLITE_OK);
+    ASSERT_EQ(sqlite3_step(reading), SQLITE_ROW);
+    sqlite3_finalize(reading);
+  }
+  sqlite3_close(other);
+  EXPECT_EQ(Rows(path, "SELECT message FROM logs WHERE backup_id = 'b2' ORDER BY id"),
+            (std::vector<std::string>{"on the rollback journal", "in the log"}));
 }
 
 }  // namespace
