@@ -4,13 +4,19 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
+
 namespace orv {
 
 namespace {
 
-volatile sig_atomic_t receivedSignal = 0;
+// The handler runs on whichever thread the kernel picks (the server's threads do not
+// block these signals), so the main thread reads what another thread wrote: that needs
+// an atomic, not just a volatile sig_atomic_t. A lock-free atomic is safe in a handler.
+std::atomic<int> receivedSignal{0};
+static_assert(std::atomic<int>::is_always_lock_free, "the signal handler needs a lock-free atomic");
 
-void StoreSignal(int signo) { receivedSignal = signo; }
+void StoreSignal(int signo) { receivedSignal.store(signo); }
 
 }  // namespace
 
@@ -41,13 +47,11 @@ int SignalWaiter::wait() {
   // A signal may already have arrived while the server was starting, or may land on
   // another thread than this one: pause() alone would then sleep for ever. Short
   // sleeps, each ended early by a signal on this thread, see both.
-  while (receivedSignal == 0) {
+  while (receivedSignal.load() == 0) {
     struct timespec interval = {0, 200 * 1000 * 1000};
     nanosleep(&interval, nullptr);
   }
-  int signo = receivedSignal;
-  receivedSignal = 0;
-  return signo;
+  return receivedSignal.exchange(0);
 }
 
 }  // namespace orv

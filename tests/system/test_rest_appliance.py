@@ -101,7 +101,10 @@ def test_bodies_up_to_32_mib_are_read_and_longer_ones_refused(agent, authority, 
     huge = head.replace(b"42", b"44") + b"x" * (300 * MIB) + tail
     assert client.request("POST", "/pair", huge).status == 400
     growth = peak_kib(running_agent.process.pid) - before
-    assert growth < 200 * 1024, "peak resident memory grew by %d KiB" % growth
+    # ThreadSanitizer's shadow memory mirrors every byte the agent touches, even briefly,
+    # several times over: its peak says nothing about what the agent keeps.
+    if os.environ.get("ORV_SANITIZE") != "thread":
+        assert growth < 200 * 1024, "peak resident memory grew by %d KiB" % growth
 
     exact = head + b"x" * (32 * MIB - len(head) - len(tail)) + tail
     assert len(exact) == 32 * MIB
