@@ -22,8 +22,9 @@ struct WrittenChunk {
 
 // Reports the async writer's chunks (the volume's bytes-transferred figure, whose setter
 // stores a log row, and the display line) on a thread of its own, in the order written.
-// A log row costs the database's synchronous commit, about as long as writing a chunk to
-// a fast target; reported beside the writes it no longer adds to them. The writer waits
+// A report takes the status lock and stores a log row, which can wait on the database
+// (another process's lock, a slow disk); reported beside the writes it does not hold
+// them up. The writer waits
 // when kMostBehind reports are pending, and drains the reporter before it logs a failure
 // or ends, so every row comes in the same order as when the writer reported itself.
 // Without a thread (none could be started) each chunk is reported at once.
