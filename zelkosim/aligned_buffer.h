@@ -22,6 +22,7 @@ class AlignedBuffer {
  private:
   char* data_ = nullptr;
   size_t size_;
+  size_t mapped_ = 0;
 };
 
 }  // namespace orv::zelkosim
