@@ -245,7 +245,7 @@ void HttpServer::RequestCompleted(void* cls, MHD_Connection* connection, void** 
   (void)connection;
   (void)toe;
   if (context == nullptr) return;
-  delete static_cast<std::string*>(*context);
+  delete static_cast<RequestContext*>(*context);
   *context = nullptr;
 }
 
@@ -256,6 +256,18 @@ MHD_Result HttpServer::AccessHandler(void* cls, MHD_Connection* connection, cons
   return static_cast<HttpServer*>(cls)->handle(connection, url, method, uploadData, uploadDataSize, context);
 }
 
+bool HttpServer::CheckSession(MHD_Connection* connection, RequestContext* request) {
+  const MHD_ConnectionInfo* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_GNUTLS_SESSION);
+  if (info == nullptr || info->tls_session == nullptr) {
+    LogEvent(kWarning, "", "Invalid TLS session during request.");
+    return false;
+  }
+  CertUtils certUtils;
+  if (!certUtils.checkSession(static_cast<gnutls_session_t>(info->tls_session), &request->deviceId)) return false;
+  request->sessionChecked = true;
+  return true;
+}
+
 MHD_Result HttpServer::handle(MHD_Connection* connection, const char* url, const char* method,
                               const char* uploadData, size_t* uploadDataSize, void** context) {
   const std::string verb = method;
@@ -264,15 +276,20 @@ MHD_Result HttpServer::handle(MHD_Connection* connection, const char* url, const
     return MHD_NO;
   }
   if (*context == nullptr) {
-    *context = new std::string();
+    *context = new RequestContext();
     return MHD_YES;
   }
-  auto* body = static_cast<std::string*>(*context);
+  auto* request = static_cast<RequestContext*>(*context);
+  std::string* body = &request->body;
   if (*uploadDataSize != 0) {
     if (verb == "GET") {
       LogEvent(kWarning, "", "Invalid GET request. Data exists in body.");
       return MHD_NO;
     }
+    // The session is checked at the first piece of a body rather than after the last, so
+    // that a caller the agent would drop anyway can't make it hold a body of up to 32 MiB
+    // first. The lines logged are the same, once per request.
+    if (!request->sessionChecked && !CheckSession(connection, request)) return MHD_NO;
     // Every body the agent reads is JSON of at most kMaxJsonBody bytes; keeping one byte
     // more is enough for the refusal of a longer one, and a caller streaming gigabytes
     // costs no memory.
@@ -282,23 +299,17 @@ MHD_Result HttpServer::handle(MHD_Connection* connection, const char* url, const
     return MHD_YES;
   }
 
-  const MHD_ConnectionInfo* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_GNUTLS_SESSION);
-  if (info == nullptr || info->tls_session == nullptr) {
-    LogEvent(kWarning, "", "Invalid TLS session during request.");
-    return MHD_NO;
-  }
-  uint32_t deviceId = 0;
-  CertUtils certUtils;
-  if (!certUtils.checkSession(static_cast<gnutls_session_t>(info->tls_session), &deviceId)) return MHD_NO;
+  if (!request->sessionChecked && !CheckSession(connection, request)) return MHD_NO;
+  uint32_t deviceId = request->deviceId;
 
   std::map<std::string, std::string> args;
   std::string requestBody;
   if (verb == "GET") {
     MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, &CollectArgument, &args);
-    delete body;
+    delete request;
     *context = nullptr;
   } else {
-    // The slot's string is freed when the request completes; its text is the router's.
+    // The context is freed when the request completes; the body is the router's now.
     requestBody = std::move(*body);
   }
 

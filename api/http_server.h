@@ -54,8 +54,18 @@ class HttpServer {
  private:
   bool startLocked();
   void stopLocked();
+  // What a request keeps between the library's calls: its body so far, and the caller's
+  // device id once its TLS session has been checked.
+  struct RequestContext {
+    std::string body;
+    bool sessionChecked = false;
+    uint32_t deviceId = 0;
+  };
+
   MHD_Result handle(MHD_Connection* connection, const char* url, const char* method, const char* uploadData,
                     size_t* uploadDataSize, void** context);
+  // The session check with its log lines; false when the caller is to be dropped.
+  static bool CheckSession(MHD_Connection* connection, RequestContext* request);
 
   static MHD_Result AccessHandler(void* cls, MHD_Connection* connection, const char* url, const char* method,
                                   const char* version, const char* uploadData, size_t* uploadDataSize,

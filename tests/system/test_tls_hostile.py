@@ -327,3 +327,25 @@ def test_idle_connections_are_dropped_after_the_timeout_but_trickling_ones_are_n
         loris.close()
         silent.close()
         idle.close()
+
+
+def test_a_body_from_a_caller_without_a_certificate_is_refused_at_its_first_piece(paired_client, running_agent,
+                                                                                   authority, client_files):
+    """The agent drops such a caller in any case; it must do so before holding its body
+    (up to 32 MiB each), not after. A certified caller's body still arrives whole."""
+    declared = 32 * 1024 * 1024
+    piece = b"x" * 65536
+    sent = 0
+    with socket.create_connection(("127.0.0.1", running_agent.port), timeout=PATIENCE) as raw:
+        with tls_context().wrap_socket(raw) as tls:
+            tls.sendall(b"PUT /config HTTP/1.1\r\nHost: agent\r\nContent-Type: application/json\r\n"
+                        b"Content-Length: %d\r\n\r\n" % declared)
+            with pytest.raises((ConnectionError, ssl.SSLError, socket.timeout)):
+                while sent < declared:
+                    tls.sendall(piece)
+                    sent += len(piece)
+    assert sent < 4 * 1024 * 1024, "the agent read %d bytes of an uncertified body" % sent
+    assert "Invalid peer certificate during request." in running_agent.logs()
+    # The appliance's own large body is read to its end and answered (PUT is no route).
+    response = paired_client.request("PUT", "/config", b"p" * (2 * 1024 * 1024))
+    assert (response.status, response.body) == (400, b"Bad request."), response
