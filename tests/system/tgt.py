@@ -20,6 +20,8 @@ import subprocess
 import tempfile
 import time
 
+from agent import free_port
+
 SOCKET_DIR = "/var/run/tgtd"
 TUNABLES = "glibc.malloc.mmap_threshold=33554432:glibc.malloc.trim_threshold=268435456"
 TUNED_PARAMETERS = (
@@ -34,12 +36,6 @@ PR_SET_PDEATHSIG = 1
 
 def _die_with_parent():
     ctypes.CDLL("libc.so.6", use_errno=True).prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
-
-
-def _free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
 
 
 def _free_control_port():
@@ -86,7 +82,7 @@ class Tgtd:
         keep_port = self.port is not None
         for _ in range(5):
             if not keep_port:
-                self.port = _free_port()
+                self.port = free_port()
             self.control_port = _free_control_port()
             if self._spawn():
                 return self
