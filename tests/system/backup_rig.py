@@ -5,7 +5,7 @@ import subprocess
 import time
 
 from agent import wait_for
-from volumes import mount_image_readonly, verify_content, zbdctl_path
+from volumes import mount_image, verify_content, zbdctl_path
 
 TERMINAL = ("finished", "failed")
 BUSY = "A backup is currently in progress."
@@ -89,7 +89,7 @@ class BackupRig:
             assert check.returncode == 0, check.stdout + check.stderr
         point = str(self.tmp_path / ("check-%s" % volume.uuid))
         os.makedirs(point, exist_ok=True)
-        with mount_image_readonly(image, volume.fs_type, point):
+        with mount_image(image, volume.fs_type, point):
             return verify_content(point, volume.manifest)
 
     def history(self, command=None, backup_id=None):

@@ -49,6 +49,7 @@ def test_missing_driver_reports_error_101(rig, loop_volumes):
     assert status["errorData"]["errorMsg"] == (
         "Driver not loaded. Kernel headers are probably incorrect, fix that and reinstall zelkobd.")
     assert rig.history("backup_run")[-1][3:5] == ("failure", "Loading driver info failed.")
+    assert "Could not load driver info. Driver not loaded or installed." in rig.agent.logs()
     # The host inventory still answers, without a driver version.
     host = rig.client.host_inventory()
     assert host.status == 200 and host.json()["driverVersion"] == "unavailable"

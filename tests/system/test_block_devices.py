@@ -19,6 +19,8 @@ import time
 
 import pytest
 
+from volumes import run
+
 SOURCE_DIR = os.environ.get("ORV_SOURCE_DIR", os.path.abspath(os.path.join(os.path.dirname(__file__), "..", "..")))
 BUILD_DIR = os.environ.get("ORV_BUILD_DIR", os.path.join(SOURCE_DIR, "build"))
 PROBE = os.path.join(BUILD_DIR, "tests", "orv_blockdev_probe")
@@ -26,13 +28,6 @@ PROBE = os.path.join(BUILD_DIR, "tests", "orv_blockdev_probe")
 MIB = 1 << 20
 LOOP_CTL_ADD = 0x4C80
 LOOP_CTL_REMOVE = 0x4C81
-
-
-def run(*cmd, check=True, timeout=120):
-    result = subprocess.run([str(c) for c in cmd], capture_output=True, text=True, timeout=timeout)
-    if check and result.returncode != 0:
-        raise RuntimeError(f"{' '.join(map(str, cmd))} failed ({result.returncode}): {result.stderr.strip()}")
-    return result
 
 
 def blkid_tags(dev):
@@ -87,19 +82,11 @@ class Rig:
         self.mkfs(dev, fs, label)
         return dev
 
+    MKFS = {"ext4": ("mkfs.ext4", "-q", "-F", "-L"), "xfs": ("mkfs.xfs", "-q", "-f", "-L"),
+            "ntfs": ("mkfs.ntfs", "-q", "-F", "-Q", "-L"), "vfat": ("mkfs.vfat", "-n"), "swap": ("mkswap", "-L")}
+
     def mkfs(self, dev, fs, label):
-        if fs == "ext4":
-            run("mkfs.ext4", "-q", "-F", "-L", label, dev)
-        elif fs == "xfs":
-            run("mkfs.xfs", "-q", "-f", "-L", label, dev)
-        elif fs == "ntfs":
-            run("mkfs.ntfs", "-q", "-F", "-Q", "-L", label, dev)
-        elif fs == "vfat":
-            run("mkfs.vfat", "-n", label, dev)
-        elif fs == "swap":
-            run("mkswap", "-L", label, dev)
-        else:
-            raise ValueError(fs)
+        run(*self.MKFS[fs], label, dev, timeout=120)
 
     def mount(self, dev, name, options=None, ntfs=False):
         path = os.path.join(self.dir, name)
@@ -221,8 +208,7 @@ def host():
         r.swapon(v["swap"])
 
         gpt = r.attach(r.image("gpt.img", 64), partscan=True)
-        subprocess.run(["sfdisk", "-q", gpt], input="label: gpt\n,16M\n,\n", text=True, check=True,
-                       capture_output=True)
+        run("sfdisk", "-q", gpt, input="label: gpt\n,16M\n,\n")
         v["gpt"] = gpt
         v["gpt1"], v["gpt2"] = r.partitions(gpt, 2)
         r.mkfs(v["gpt1"], "ext4", "gptone")
@@ -230,8 +216,7 @@ def host():
         r.mkfs(v["gpt2"], "vfat", "GPTTWO")
 
         mbr = r.attach(r.image("mbr.img", 64), partscan=True)
-        subprocess.run(["sfdisk", "-q", mbr], input="label: dos\n4096,24M,83\n", text=True, check=True,
-                       capture_output=True)
+        run("sfdisk", "-q", mbr, input="label: dos\n4096,24M,83\n")
         v["mbr"] = mbr
         (v["mbr1"],) = r.partitions(mbr, 1)
         r.mkfs(v["mbr1"], "ext4", "mbrone")

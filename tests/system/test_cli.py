@@ -86,30 +86,6 @@ def test_configuration_commands_print_exact_texts_and_exit_one(agent):
     assert agent.query("SELECT name, value FROM config") == [("cow_percent", "20")]
 
 
-def test_reset_certificate_removes_identity_but_not_request(agent):
-    csr = os.path.join(agent.cert_dir, "server.csr")
-    open(csr, "w").write("request")
-    result = agent.run("reset_certificate")
-    assert (result.returncode, result.stdout) == (1, "Resetting certificate. Please restart orvd.\n")
-    assert sorted(os.listdir(agent.cert_dir)) == ["server.csr"]
-    # Start-up now finds the identity missing: nothing is printed by the command itself.
-    result = agent.run("reset_certificate")
-    assert "Certificate information not found, recreating certificate." in result.stdout
-
-
-def test_missing_and_empty_certificates_stop_start_up(agent_root):
-    result = agent_root.run("get_config")
-    assert result.returncode == 1
-    required = ("The following files must exist and be readable:\n"
-                " * Server key: {d}/server.key\n * Server certificate: {d}/server.pem\n"
-                " * CA certificate: {d}/ca.crt\n").format(d=agent_root.cert_dir)
-    assert result.stdout.startswith("Certificate information not found, recreating certificate.\n")
-    assert result.stdout.endswith("Could not start Zelko Linux Agent. Certificate generation error.\n" + required)
-    agent_root.write_cert_files("key", "", "ca")
-    result = agent_root.run("get_config")
-    assert result.stdout.startswith("Certificate information is incomplete, recreating certificate.\n")
-
-
 def test_display_flag_and_level_threshold(agent):
     start_daemon(agent, "--level", "3")
     agent.wait_output("Log level: 3")
@@ -180,6 +156,8 @@ def test_unusable_database_stops_start_up(agent):
 
 def test_database_versions(agent):
     agent.run("get_config")
+    assert agent.query("SELECT name FROM sqlite_master WHERE type = 'table' AND name != 'sqlite_sequence' "
+                       "ORDER BY name") == [("about",), ("config",), ("device",), ("history",), ("logs",)]
     assert agent.query("SELECT version FROM about") == [("1.0.0",)]
     with sqlite3.connect(agent.db_path) as db:
         db.execute("UPDATE about SET version = '2.0.0'")

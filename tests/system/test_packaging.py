@@ -16,7 +16,7 @@ import time
 
 import pytest
 
-from agent import SOURCE_DIR, free_port
+from agent import SOURCE_DIR, free_port, wait_for
 
 import ca_server
 
@@ -285,28 +285,22 @@ def is_installed_agent(pid):
         return False
 
 
-def wait_for_daemon(timeout=30):
+def daemon_pid():
     """The pid in /var/run/orvd.pid once it names a running installed agent."""
-    deadline = time.time() + timeout
-    while time.time() < deadline:
-        try:
-            with open("/var/run/orvd.pid") as f:
-                pid = int(f.read().strip() or 0)
-        except (FileNotFoundError, ValueError):
-            pid = 0
-        if pid and process_alive(pid) and is_installed_agent(pid):
-            return pid
-        time.sleep(0.05)
-    raise AssertionError("the daemon did not write /var/run/orvd.pid")
+    try:
+        with open("/var/run/orvd.pid") as f:
+            pid = int(f.read().strip() or 0)
+    except (FileNotFoundError, ValueError):
+        return 0
+    return pid if process_alive(pid) and is_installed_agent(pid) else 0
 
 
-def wait_gone(pid, timeout=60):
-    deadline = time.time() + timeout
-    while time.time() < deadline:
-        if not process_alive(pid):
-            return
-        time.sleep(0.05)
-    raise AssertionError("orvd %d did not end" % pid)
+def wait_for_daemon():
+    return wait_for(daemon_pid, timeout=30, interval=0.05, what="the daemon to write /var/run/orvd.pid")
+
+
+def wait_gone(pid):
+    wait_for(lambda: not process_alive(pid), timeout=60, interval=0.05, what="orvd %d to end" % pid)
 
 
 def package_installed():

@@ -11,7 +11,7 @@ import time
 
 import pytest
 
-from volumes import (FS_TYPES, MIB, block_digests, changed_blocks, covered_blocks, device_blocks, mount_image_readonly,
+from volumes import (FS_TYPES, MIB, block_digests, changed_blocks, covered_blocks, device_blocks, mount_image,
                      read_block, verify_content, zbdctl_path)
 
 COW_MIB = 26  # what the agent asks for a 256 MiB volume
@@ -86,7 +86,7 @@ def test_snapshot_keeps_the_volume_as_it_was(sim_dir, loop_volumes, fs_type, tmp
     change_volume(volume)
     assert block_digests(snapshot) == before, "writes to the volume reached the snapshot"
     # The capture is a consistent file system holding exactly the files of its moment.
-    with mount_image_readonly(snapshot, fs_type, str(tmp_path / "snap")) as image:
+    with mount_image(snapshot, fs_type, str(tmp_path / "snap")) as image:
         assert verify_content(image.point, volume.manifest) == []
         assert not os.path.exists(os.path.join(image.point, "after.bin"))
 
@@ -418,12 +418,6 @@ def test_bad_input_gets_an_errno_and_a_readable_message(sim_dir, loop_volumes, t
     fails(("destroy", 0), errno.ENODEV, "ZELKO_SIM_DIR is not set", env=env)
     result = sim_dir.zbdctl("info", check=False, env=sim_dir.env(ZELKO_SIM_DIR=str(tmp_path / "nowhere")))
     assert result.returncode == 1 and "does not exist" in result.stderr
-
-    with open(os.path.join(sim_dir.path, "state"), "w") as f:
-        f.write("zelkosim-state 1\ndevice 0\n  state banana\n")
-    fails(("destroy", 0), errno.EUCLEAN, "malformed at line 3")
-    result = sim_dir.zbdctl("info", check=False)
-    assert result.returncode == 1 and "malformed" in result.stderr
 
     for args in (("setup-snapshot", -1, volume.device, cow, 16), ("destroy", "x"), ("fault", "reboot", 5),
                  ("fault", "destroy", "EWHAT"), ("frobnicate",), ("destroy",)):

@@ -7,13 +7,8 @@ and its control sockets under /var/run/tgtd are removed afterwards. A crash of t
 process takes tgtd with it (parent-death signal).
 
 Tuned mode raises the session parameters before any login and starts tgtd with larger
-malloc thresholds (about 150 -> 700 MiB/s on these machines).
-
-    with Tgtd(tmp_path, tuned=True) as tgt:
-        tgt.add_target(1, "iqn.2024-01.net.example:image")
-        path = tgt.add_lun(1, 1, 64 << 20)
-        ... tgt.portal ...
-        tgt.restart()   # cuts every session, comes back with the same ports and targets
+malloc thresholds (about 150 -> 700 MiB/s on these machines). restart() cuts every
+session and comes back with the same ports, targets and LUNs.
 """
 import ctypes
 import os
@@ -24,6 +19,8 @@ import socket
 import subprocess
 import tempfile
 import time
+
+from agent import free_port
 
 SOCKET_DIR = "/var/run/tgtd"
 TUNABLES = "glibc.malloc.mmap_threshold=33554432:glibc.malloc.trim_threshold=268435456"
@@ -41,12 +38,6 @@ def _die_with_parent():
     ctypes.CDLL("libc.so.6", use_errno=True).prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
 
 
-def _free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
 def _free_control_port():
     for _ in range(1000):
         n = random.randint(10000, 32767)  # tgtd takes control ports up to 32767
@@ -62,10 +53,6 @@ def _port_answers(port):
         return True
     except OSError:
         return False
-
-
-class TgtadmError(RuntimeError):
-    pass
 
 
 class Tgtd:
@@ -95,7 +82,7 @@ class Tgtd:
         keep_port = self.port is not None
         for _ in range(5):
             if not keep_port:
-                self.port = _free_port()
+                self.port = free_port()
             self.control_port = _free_control_port()
             if self._spawn():
                 return self
@@ -162,7 +149,7 @@ class Tgtd:
         self._remove_sockets()
 
     def restart(self):
-        """Starts tgtd again on the same ports with the same targets, LUNs and accounts."""
+        """Starts tgtd again on the same ports with the same targets and LUNs."""
         self.stop()
         self.start()
         commands, self._configuration = self._configuration, []
@@ -183,11 +170,11 @@ class Tgtd:
 
     # -- configuration --------------------------------------------------------------
     def tgtadm(self, *arguments):
-        """Runs tgtadm on this instance's control port; its output, TgtadmError on failure."""
+        """Runs tgtadm on this instance's control port; its output, RuntimeError on failure."""
         result = subprocess.run(["tgtadm", "-C", str(self.control_port)] + [str(a) for a in arguments],
                                 capture_output=True, text=True, timeout=30)
         if result.returncode != 0:
-            raise TgtadmError("tgtadm %s: %s" % (" ".join(map(str, arguments)), result.stdout + result.stderr))
+            raise RuntimeError("tgtadm %s: %s" % (" ".join(map(str, arguments)), result.stdout + result.stderr))
         return result.stdout
 
     def _tgtadm_status(self, *arguments):
@@ -216,11 +203,6 @@ class Tgtd:
         self._configure("--lld", "iscsi", "--op", "new", "--mode", "logicalunit", "--tid", tid, "--lun", lun,
                         "-b", path)
         return path
-
-    def add_chap(self, tid, user, password):
-        """Requires CHAP with this user and secret for the target."""
-        self._configure("--lld", "iscsi", "--op", "new", "--mode", "account", "--user", user, "--password", password)
-        self._configure("--lld", "iscsi", "--op", "bind", "--mode", "account", "--tid", tid, "--user", user)
 
     def _remove_sockets(self):
         if self.control_port is None:

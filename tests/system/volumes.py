@@ -1,18 +1,12 @@
 """Loop-device volumes and driver-simulator directories for system tests.
 
-A `LoopVolume` is a sparse image file on a loop device, formatted with ext2, ext3, ext4,
-xfs or ntfs (through ntfs-3g, which names the loop device as its mount source) and mounted
-read-write. `fill_volume` writes known content (many small files, some large ones, a few
-sparse ones) and returns a manifest that `verify_content` checks a copy against.
-`mount_image_readonly` mounts a captured image to look inside it (`mount_image` with other
-options). `SimDir` is a
-ZELKO_SIM_DIR for the driver simulator with a helper that runs zbdctl.
-
-Everything is torn down by what created it, also when a test fails: file systems are
-thawed and unmounted, ntfs-3g processes (started by us, in the foreground) are waited for,
-loop devices are detached only while they still hold our image, and the teardown checks
-that nothing is left. The pytest fixtures `loop_volumes` and `sim_dir` wrap
-these; conftest.py registers them.
+`LoopVolume`: a sparse image on a loop device with ext2/3/4, xfs or ntfs (ntfs-3g, run in
+the foreground by us), mounted read-write; `fill_volume` writes known content and returns
+the manifest `verify_content` checks a copy against; `mount_image` mounts a captured image
+(read-only without journal replay unless told otherwise); `SimDir` is a ZELKO_SIM_DIR.
+Whatever made something tears it down, also when a test fails, and checks that nothing is
+left; loop devices are detached only while they still hold our image. conftest.py
+registers the fixtures `loop_volumes` and `sim_dir`.
 """
 
 import atexit
@@ -233,17 +227,7 @@ class LoopVolume:
 
     def sync(self):
         """Writes everything the file system holds back to the device."""
-        fd = os.open(self.mountpoint, os.O_RDONLY | os.O_DIRECTORY)
-        try:
-            os.fsync(fd)
-        finally:
-            os.close(fd)
-        os.sync()
-
-    def digests(self):
-        """block_digests of the whole device as the kernel sees it now."""
-        self.sync()
-        return block_digests(self.device)
+        _sync_tree(self.mountpoint)
 
     def teardown(self, check=True):
         """Unmounts, detaches and removes the image; with `check`, raises VolumeError
@@ -275,16 +259,6 @@ class LoopVolume:
         _live.discard(self)
         if check and problems:
             raise VolumeError("; ".join(problems))
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.teardown(check=exc[0] is None)
-
-    def __repr__(self):
-        return f"LoopVolume({self.fs_type}, {self.device}, {self.mountpoint})"
-
 
 class ReadOnlyImage:
     """An image file (a captured snapshot, a copy) on a loop device of its own, mounted at
@@ -320,17 +294,17 @@ class ReadOnlyImage:
         self.close()
 
 
-def mount_image_readonly(image, fs_type, point):
-    return ReadOnlyImage(image, fs_type, point)
-
-
-def mount_image(image, fs_type, point, options):
-    """The image mounted at `point` with `options`; leave the `with` block to unmount it."""
+def mount_image(image, fs_type, point, options=None):
+    """The image mounted at `point` (see ReadOnlyImage); leave the `with` block to unmount it."""
     return ReadOnlyImage(image, fs_type, point, options)
 
 
-def _content(rng, size):
-    return rng.randbytes(size)
+def _sha256(path):
+    digest = hashlib.sha256()
+    with open(path, "rb") as f:
+        for block in iter(lambda: f.read(MIB), b""):
+            digest.update(block)
+    return digest.hexdigest()
 
 
 def fill_volume(root, seed=0, small_files=300, large_files=2, large_mib=8, sparse_files=3):
@@ -343,32 +317,28 @@ def fill_volume(root, seed=0, small_files=300, large_files=2, large_mib=8, spars
     def write(rel, data_at, size):
         full = os.path.join(root, rel)
         os.makedirs(os.path.dirname(full), exist_ok=True)
-        digest = hashlib.sha256()
         with open(full, "wb") as f:
             f.truncate(size)
             for offset, data in data_at:
                 f.seek(offset)
                 f.write(data)
-        with open(full, "rb") as f:
-            for block in iter(lambda: f.read(MIB), b""):
-                digest.update(block)
-        manifest[rel] = digest.hexdigest()
+        manifest[rel] = _sha256(full)
 
     for i in range(small_files):
         size = rng.choice([0, 1, 100, 4095, 4096, 4097, rng.randrange(1, 24 * 1024)])
-        write(f"small/d{i % 17}/e{i % 5}/f{i}.bin", [(0, _content(rng, size))], size)
+        write(f"small/d{i % 17}/e{i % 5}/f{i}.bin", [(0, rng.randbytes(size))], size)
     for i in range(large_files):
         size = large_mib * MIB
-        write(f"large/big{i}.bin", [(0, _content(rng, size))], size)
+        write(f"large/big{i}.bin", [(0, rng.randbytes(size))], size)
     for i in range(sparse_files):
         size = 32 * MIB
         offsets = sorted(rng.sample(range(0, size // 4096 - 16), 4))
-        write(f"sparse/s{i}.bin", [(o * 4096, _content(rng, rng.randrange(1, 3 * 4096))) for o in offsets], size)
-    _fsync_tree(root)
+        write(f"sparse/s{i}.bin", [(o * 4096, rng.randbytes(rng.randrange(1, 3 * 4096))) for o in offsets], size)
+    _sync_tree(root)
     return manifest
 
 
-def _fsync_tree(root):
+def _sync_tree(root):
     fd = os.open(root, os.O_RDONLY | os.O_DIRECTORY)
     try:
         os.fsync(fd)
@@ -381,16 +351,11 @@ def verify_content(root, manifest):
     """Paths of `manifest` whose content under `root` differs or is missing."""
     bad = []
     for rel, expected in sorted(manifest.items()):
-        digest = hashlib.sha256()
         try:
-            with open(os.path.join(root, rel), "rb") as f:
-                for block in iter(lambda: f.read(MIB), b""):
-                    digest.update(block)
+            if _sha256(os.path.join(root, rel)) != expected:
+                bad.append(f"{rel}: content differs")
         except OSError as e:
             bad.append(f"{rel}: {e.strerror}")
-            continue
-        if digest.hexdigest() != expected:
-            bad.append(f"{rel}: content differs")
     return bad
 
 

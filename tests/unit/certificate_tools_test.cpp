@@ -6,21 +6,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
-#include "identity/gnutls_object.h"
 #include "tests/unit/test_support.h"
 
 namespace orv {
 namespace {
-
-gnutls_datum_t Datum(const std::string& text) {
-  return {reinterpret_cast<unsigned char*>(const_cast<char*>(text.data())), static_cast<unsigned>(text.size())};
-}
 
 std::vector<std::string> DirectoryEntries(const std::string& path) {
   std::vector<std::string> names;
@@ -94,52 +88,6 @@ TEST_F(CertificateToolsTest, FailedRequestWriteLeavesNoPartialRequest) {
   ASSERT_EQ(mkdir(csrPath_.c_str(), 0700), 0);
   EXPECT_EQ(tools_.create("agent.example", keyPath_, csrPath_), "Unable to write certificate request, error: 21");
   EXPECT_EQ(DirectoryEntries(dir_), (std::vector<std::string>{"server.csr", "server.key"}));
-}
-
-// Signs the request at `csrPath` with the key at `keyPath`, as a self-issued
-// certificate, the way an authority answers it.
-std::string IssueCertificate(const std::string& csrPath, const std::string& keyPath) {
-  CertificateRequest crq;
-  X509PrivateKey key;
-  X509Certificate crt;
-  std::string csr = ReadText(csrPath);
-  std::string keyPem = ReadText(keyPath);
-  gnutls_datum_t csrDatum = Datum(csr);
-  gnutls_datum_t keyDatum = Datum(keyPem);
-  EXPECT_EQ(gnutls_x509_crq_import(crq.get(), &csrDatum, GNUTLS_X509_FMT_PEM), 0);
-  EXPECT_EQ(gnutls_x509_privkey_import(key.get(), &keyDatum, GNUTLS_X509_FMT_PEM), 0);
-  EXPECT_EQ(gnutls_x509_crt_set_crq(crt.get(), crq.get()), 0);
-  unsigned char serial[] = {1, 2, 3};
-  EXPECT_EQ(gnutls_x509_crt_set_serial(crt.get(), serial, sizeof(serial)), 0);
-  time_t now = time(nullptr);
-  EXPECT_EQ(gnutls_x509_crt_set_activation_time(crt.get(), now - 3600), 0);
-  EXPECT_EQ(gnutls_x509_crt_set_expiration_time(crt.get(), now + 86400), 0);
-  EXPECT_EQ(gnutls_x509_crt_sign2(crt.get(), crt.get(), key.get(), GNUTLS_DIG_SHA256, 0), 0);
-  char pem[16384];
-  size_t size = sizeof(pem);
-  EXPECT_EQ(gnutls_x509_crt_export(crt.get(), GNUTLS_X509_FMT_PEM, pem, &size), 0);
-  return std::string(pem, size);
-}
-
-TEST_F(CertificateToolsTest, ChecksAuthorityAnswers) {
-  ASSERT_EQ(tools_.create("agent.example", keyPath_, csrPath_), "");
-  std::string otherKey = dir_ + "/other.key";
-  std::string otherCsr = dir_ + "/other.csr";
-  ASSERT_EQ(tools_.create("agent.example", otherKey, otherCsr), "");
-  std::string certificate = IssueCertificate(csrPath_, keyPath_);
-  std::string request = ReadText(csrPath_);
-
-  EXPECT_EQ(tools_.checkCertificates(certificate), "");
-  EXPECT_EQ(tools_.checkCertificates(certificate + certificate), "");
-  EXPECT_EQ(tools_.checkCertificates("not a certificate").rfind("Unable to read certificate, error: -", 0), 0u);
-  EXPECT_EQ(tools_.checkCertificates(request).rfind("Unable to read certificate, error: -", 0), 0u);
-
-  EXPECT_EQ(tools_.checkSignedCertificate(certificate, request), "");
-  EXPECT_EQ(tools_.checkSignedCertificate(certificate, ReadText(otherCsr)),
-            "Signed certificate does not match the private key.");
-  EXPECT_EQ(tools_.checkSignedCertificate(certificate.substr(0, certificate.size() / 2), request)
-                .rfind("Unable to read certificate, error: -", 0),
-            0u);
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "api/all_backup_status.h"
 #include "daemon/file_util.h"
 #include "daemon/logger.h"
 #include "tests/unit/test_support.h"
@@ -24,10 +23,10 @@ class DriverInfoTest : public AgentRootTest {
   }
   void TearDown() override { unsetenv("ORVD_DRIVER_INFO"); }
 
-  bool LoadText(const std::string& text, AllBackupStatus* status = nullptr) {
+  bool LoadText(const std::string& text) {
     EXPECT_EQ(WriteWholeFile(infoPath_, text), 0);
     info_.reset();
-    return info_.load(status);
+    return info_.load(nullptr);
   }
   bool LoadVersion(const std::string& version) {
     return LoadText("{\"version\":\"" + version + "\",\"devices\":[]}");
@@ -108,18 +107,6 @@ TEST_F(DriverInfoTest, MissingVersionOrBrokenJsonIsInvalid) {
   EXPECT_FALSE(LoadText("[\"0.10.0\"]"));
   EXPECT_EQ(LoggedMessages("", kCritical).size(), 3u);
   EXPECT_EQ(LoggedMessages("", kInfo).size(), 2u);  // the broken document is not "parsed"
-}
-
-TEST_F(DriverInfoTest, UnreadableFileSetsError101OnTheStatus) {
-  AllBackupStatus status("backup-1");
-  info_.reset();
-  EXPECT_FALSE(info_.load(&status));
-  EXPECT_EQ(status.errorCode(), kErrorDriverNotLoaded);
-  EXPECT_EQ(status.errorMessage(),
-            "Driver not loaded. Kernel headers are probably incorrect, fix that and reinstall zelkobd.");
-  EXPECT_TRUE(Logged("Could not load driver info. Driver not loaded or installed.", kCritical));
-  // Without a status only the log line remains.
-  EXPECT_FALSE(info_.load(nullptr));
 }
 
 TEST_F(DriverInfoTest, MatchesByExactPathOrByUuidPath) {

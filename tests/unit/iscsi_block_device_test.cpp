@@ -186,38 +186,31 @@ class IscsiReconnectTest : public IscsiTargetTest {
  protected:
   IscsiReconnectTest() : IscsiTargetTest(8ull << 20) {}
   IscsiTarget Target() const { return IscsiTarget{kIqn, tgtd_.Portal(), 1, "", ""}; }
-
-  // Cuts the target under a stream of writes with `cut`, brings it back after a pause
-  // and checks that the stream went on where it stopped.
-  void StreamThroughOutage(const std::function<bool()>& cut) {
-    IscsiBlockDevice device(Target());
-    ASSERT_TRUE(device.Connect());
-    StreamWriter writer(device, lunBytes_);
-    std::thread thread(&StreamWriter::Run, &writer);
-    bool ok = WaitFor([&] { return writer.writes_ >= 20 || writer.failures_ > 0; }, 20);
-    ok = ok && cut();
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    ok = ok && tgtd_.Restart();
-    int before = writer.writes_;
-    ok = ok && WaitFor([&] { return writer.writes_ >= before + 40 || writer.failures_ > 0; }, 20);
-    writer.stop_ = true;
-    thread.join();
-    ASSERT_TRUE(ok);
-    ASSERT_EQ(writer.failures_, 0);
-    ASSERT_GE(writer.lastPass_, 1u);
-    std::vector<unsigned char> expected(lunBytes_ / StreamWriter::kPiece * StreamWriter::kPiece);
-    FillPattern(expected.data(), expected.size(), writer.lastPass_, 0);
-    EXPECT_TRUE(ReadBacking(lunPath_, 0, expected.size()) == expected);
-    EXPECT_GE(LoggedMessages("Write iscsi failed, sleeping, reconnecting, and retrying").size(), 1u);
-  }
 };
 
-TEST_F(IscsiReconnectTest, WritesResumeAtTheSameByteAfterTgtdIsStoppedAndStarted) {
-  StreamThroughOutage([&] { return tgtd_.Stop(); });
-}
-
+// A clean stop and start of the target under a running copy is drilled end to end by the
+// target system drill; a crash is cut here, under a stream of writes that must go on
+// where it stopped.
 TEST_F(IscsiReconnectTest, WritesResumeAtTheSameByteAfterTgtdIsKilled) {
-  StreamThroughOutage([&] { return tgtd_.Kill(); });
+  IscsiBlockDevice device(Target());
+  ASSERT_TRUE(device.Connect());
+  StreamWriter writer(device, lunBytes_);
+  std::thread thread(&StreamWriter::Run, &writer);
+  bool ok = WaitFor([&] { return writer.writes_ >= 20 || writer.failures_ > 0; }, 20);
+  ok = ok && tgtd_.Kill();
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  ok = ok && tgtd_.Restart();
+  int before = writer.writes_;
+  ok = ok && WaitFor([&] { return writer.writes_ >= before + 40 || writer.failures_ > 0; }, 20);
+  writer.stop_ = true;
+  thread.join();
+  ASSERT_TRUE(ok);
+  ASSERT_EQ(writer.failures_, 0);
+  ASSERT_GE(writer.lastPass_, 1u);
+  std::vector<unsigned char> expected(lunBytes_ / StreamWriter::kPiece * StreamWriter::kPiece);
+  FillPattern(expected.data(), expected.size(), writer.lastPass_, 0);
+  EXPECT_TRUE(ReadBacking(lunPath_, 0, expected.size()) == expected);
+  EXPECT_GE(LoggedMessages("Write iscsi failed, sleeping, reconnecting, and retrying").size(), 1u);
 }
 
 TEST_F(IscsiReconnectTest, ReadResumesAtTheSameByteAfterTgtdRestarts) {

@@ -36,19 +36,23 @@ TEST(JsonValueFormatted, NestedLevelsIndentOneTabPerLevel) {
             "}");
 }
 
-TEST(JsonValueFormatted, EmptyContainersCloseDirectly) {
+TEST(JsonValueFormatted, EmptyContainersStartingLevelAndCompactForm) {
   JsonValue document = JsonValue::Object();
   document.add("errorParams", JsonValue::Array());
   document.add("errorData", JsonValue::Object());
   EXPECT_EQ(JsonValue::Object().WriteFormatted(), "{}");
   EXPECT_EQ(JsonValue::Array().WriteFormatted(), "[]");
   EXPECT_EQ(document.WriteFormatted(), "{\n\t\"errorParams\" : [],\n\t\"errorData\" : {}\n}");
-}
-
-TEST(JsonValueFormatted, StartingLevelIndentsTheClosingBrace) {
-  JsonValue document = JsonValue::Object();
-  document.add("a", JsonValue::Boolean(true));
-  EXPECT_EQ(document.WriteFormatted(2), "{\n\t\t\t\"a\" : true\n\t\t}");
+  // A starting level indents the members and the closing brace.
+  JsonValue flag = JsonValue::Object();
+  flag.add("a", JsonValue::Boolean(true));
+  EXPECT_EQ(flag.WriteFormatted(2), "{\n\t\t\t\"a\" : true\n\t\t}");
+  JsonValue compact = JsonValue::Object();
+  compact.add("a", JsonValue::Number(1));
+  JsonValue list = JsonValue::Array();
+  list.push(JsonValue::String("x"));
+  compact.add("b", list);
+  EXPECT_EQ(compact.WriteCompact(), "{\"a\":1,\"b\":[\"x\"]}");
 }
 
 TEST(JsonValueFormatted, NamesAndValuesAreEscaped) {
@@ -58,15 +62,6 @@ TEST(JsonValueFormatted, NamesAndValuesAreEscaped) {
   document.add("k\"ey\t", JsonValue::String(std::string("\r\x01\x1f", 3)));
   EXPECT_EQ(document.WriteFormatted(),
             "{\n\t\"m\" : \"a\\tb\\nc\\bd\\fe\\\"f\\\\g/h\",\n\t\"k\\\"ey\\t\" : \"\\r\\u0001\\u001f\"\n}");
-}
-
-TEST(JsonValueFormatted, CompactFormHasNoBlanks) {
-  JsonValue document = JsonValue::Object();
-  document.add("a", JsonValue::Number(1));
-  JsonValue list = JsonValue::Array();
-  list.push(JsonValue::String("x"));
-  document.add("b", list);
-  EXPECT_EQ(document.WriteCompact(), "{\"a\":1,\"b\":[\"x\"]}");
 }
 
 TEST(JsonValueParse, RoundTripKeepsOrderTypesAndNumberText) {

@@ -36,16 +36,6 @@ class Outside {
     sqlite3_finalize(stmt);
     return found;
   }
-  std::string text(const std::string& sql) {
-    sqlite3_stmt* stmt = nullptr;
-    std::string value;
-    EXPECT_EQ(sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, nullptr), SQLITE_OK);
-    if (sqlite3_step(stmt) == SQLITE_ROW && sqlite3_column_text(stmt, 0) != nullptr) {
-      value = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
-    }
-    sqlite3_finalize(stmt);
-    return value;
-  }
 
  private:
   sqlite3* db_ = nullptr;

@@ -40,26 +40,5 @@ TEST(RouterMatch, MethodAndUrlPickTheRoute) {
   EXPECT_FALSE(AgentAPI::Match("GET", "/unknown").open);
 }
 
-TEST(RouterMatch, ContentTypesAndCacheClearing) {
-  const struct {
-    const char* method;
-    const char* url;
-    const char* contentType;
-    bool clearsCache;
-  } table[] = {
-      {"GET", "/basichost", "application/json", true}, {"POST", "/pair", "text/plain", true},
-      {"GET", "/host", "application/json", true},      {"POST", "/backup", "text/plain", true},
-      {"GET", "/backup", "application/json", false},   {"GET", "/backup/x", "application/json", false},
-      {"DELETE", "/backup/x", "application/json", true}, {"GET", "/event", "application/json", true},
-      {"GET", "/config", "application/json", true},    {"POST", "/config", "text/plain", true},
-      {"PUT", "/x", "text/plain", false},
-  };
-  for (const auto& e : table) {
-    const AgentAPI::RouteEntry& entry = AgentAPI::Match(e.method, e.url);
-    EXPECT_STREQ(entry.contentType, e.contentType) << e.method << " " << e.url;
-    EXPECT_EQ(entry.clearsCache, e.clearsCache) << e.method << " " << e.url;
-  }
-}
-
 }  // namespace
 }  // namespace orv

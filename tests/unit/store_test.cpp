@@ -64,20 +64,8 @@ void Exec(const std::string& path, const std::string& sql) {
 
 using StoreTest = AgentRootTest;
 
-// Newer, unversioned and unreadable databases are met by the command-line system tests.
-TEST(DatabaseMaintainerTest, NewDatabaseGetsFiveTablesAndVersion) {
-  AgentRoot root;
-  ASSERT_TRUE(root.initialiseDatabase());
-  EXPECT_EQ(Rows(root.databasePath(), "SELECT name FROM sqlite_master WHERE type='table' AND name != "
-                                      "'sqlite_sequence' ORDER BY name"),
-            (std::vector<std::string>{"about", "config", "device", "history", "logs"}));
-  EXPECT_EQ(Rows(root.databasePath(), "SELECT version FROM about"), std::vector<std::string>{"1.0.0"});
-  // A second start changes nothing: rows survive.
-  Exec(root.databasePath(), "INSERT INTO config (name, value) VALUES ('keep', 'me')");
-  ASSERT_TRUE(root.initialiseDatabase());
-  EXPECT_EQ(Rows(root.databasePath(), "SELECT value FROM config"), std::vector<std::string>{"me"});
-}
-
+// A new database's tables and version, and newer, unversioned and unreadable databases,
+// are met by the command-line system tests.
 TEST(SchemaVersionTest, ParsesAndComparesFieldByField) {
   EXPECT_EQ(SchemaVersion::Parse("1.0.0").ToString(), "1.0.0-0");
   EXPECT_EQ(SchemaVersion::Parse("1.2.3-4").ToString(), "1.2.3-4");
@@ -134,15 +122,6 @@ TEST_F(StoreTest, SqlBuildersFollowTheFilters) {
             ">= CAST( strftime( \"%s\", :DTAFTER ) AS INTEGER ) ) ORDER BY id DESC LIMIT 3;");
   EXPECT_EQ(BuildLogListSql(0, "", ""), "SELECT * FROM logs WHERE level >= :LEVEL ;");
   EXPECT_EQ(BuildLogListSql(10, "b", ""), "SELECT * FROM logs WHERE level >= :LEVEL AND backup_id = :BACKUPID LIMIT 10;");
-}
-
-TEST_F(StoreTest, PruneDeletesOnlyOldRows) {
-  ASSERT_TRUE(insert_log(2, "", "fresh"));
-  Exec(root_.databasePath(), "INSERT INTO logs (level, message, datetm) VALUES (2, 'old', '2001-01-01 00:00:00')");
-  ASSERT_TRUE(delete_logs_before(0));
-  EXPECT_EQ(Rows(root_.databasePath(), "SELECT COUNT(*) FROM logs"), std::vector<std::string>{"2"});
-  PruneLogs();
-  EXPECT_EQ(Rows(root_.databasePath(), "SELECT message FROM logs"), std::vector<std::string>{"fresh"});
 }
 
 TEST_F(StoreTest, InvalidRetentionIsRepairedOnceWithWarning) {
