@@ -908,11 +908,16 @@ def main():
     parser.add_argument("--kinds", default=",".join(k[0] for k in KINDS),
                         help="copies to measure, comma-separated, in the run's order (default all: %(default)s)")
     args = parser.parse_args()
+    # A name picks that copy; a group (full, incremental, diff or diffmerge) all of its copies.
+    def picks(name, kind):
+        group = "diff" if name == "diffmerge" else name
+        return kind == name or kind.startswith(group + "_")
     names = [k for k in args.kinds.split(",") if k]
-    unknown = [k for k in names if k not in [kind[0] for kind in KINDS]]
+    unknown = [k for k in names if not any(picks(k, kind[0]) for kind in KINDS)]
     if unknown or not names:
-        parser.error("--kinds takes some of " + ",".join(k[0] for k in KINDS))
-    args.kinds = [kind for kind in KINDS if kind[0] in names]
+        parser.error("--kinds takes some of %s, or the groups full, incremental, diffmerge" %
+                     ",".join(k[0] for k in KINDS))
+    args.kinds = [kind for kind in KINDS if any(picks(k, kind[0]) for k in names)]
     args.targets = [t for t in args.targets.split(",") if t]
     if any(t not in ("stock", "tuned") for t in args.targets) or not args.targets:
         parser.error("--targets takes stock and/or tuned")
