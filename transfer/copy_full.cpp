@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -20,10 +21,47 @@ namespace orv {
 
 namespace {
 
+// Bit k of a piece is block start + k, least significant bit first.
 bool BitSet(const uint8_t* bitmap, uint64_t k) { return (bitmap[k / 8] >> (k % 8)) & 1; }
 
+uint64_t Word(const uint8_t* bitmap, uint64_t k) {
+  uint64_t word;
+  memcpy(&word, bitmap + k / 8, sizeof(word));
+  return word;
+}
+
+// The first k in [from, end) whose bit is `value`, or `end`; 64 bits at a time.
+uint64_t NextBit(const uint8_t* bitmap, uint64_t from, uint64_t end, bool value) {
+  uint64_t k = from;
+  while (k < end && k % 64 != 0) {
+    if (BitSet(bitmap, k) == value) return k;
+    ++k;
+  }
+  uint64_t skip = value ? 0 : ~uint64_t{0};
+  while (k + 64 <= end && Word(bitmap, k) == skip) k += 64;
+  while (k < end && BitSet(bitmap, k) != value) ++k;
+  return k;
+}
+
+void ClearBits(uint8_t* bitmap, uint64_t from, uint64_t to) {
+  while (from < to && from % 8 != 0) {
+    bitmap[from / 8] &= static_cast<uint8_t>(~(1u << (from % 8)));
+    ++from;
+  }
+  if (to - from >= 8) {
+    memset(bitmap + from / 8, 0, (to - from) / 8);
+    from += (to - from) / 8 * 8;
+  }
+  while (from < to) {
+    bitmap[from / 8] &= static_cast<uint8_t>(~(1u << (from % 8)));
+    ++from;
+  }
+}
+
 // Walks the used-block map piece by piece. The counting pass and the copy pass both
-// use it, so they see the same blocks.
+// use it, so they see the same blocks. Each piece is loaded with the COW files' blocks
+// already taken out, so a set bit is a block to copy: the passes work on whole words
+// and runs instead of asking block by block.
 class UsedBlockWalk {
  public:
   UsedBlockWalk(CopyJob& job, FileSkipper& skipper) : job_(job), skipper_(skipper), bitmap_(kBitmapBufferBytes) {}
@@ -50,30 +88,41 @@ class UsedBlockWalk {
       }
       if (count < 1) return true;
       blockSize_ = blockSize;
+      TakeOutCowBlocks(start, static_cast<uint64_t>(count));
       if (!onPiece(start, static_cast<uint64_t>(count))) return false;
       start += static_cast<uint64_t>(count);
     }
   }
 
-  // Whether block k of the loaded piece (block number start + k) is to be copied.
-  bool wanted(uint64_t start, uint64_t k) {
-    return BitSet(bitmap_.data(), k) && !skipper_.IsCowFileBlock(start + k, blockSize_);
-  }
-  // The next used bit at or after k below `end`, or `end`: whole zero bytes are skipped.
-  uint64_t nextUsed(uint64_t k, uint64_t end) const {
-    while (k < end) {
-      if (k % 8 == 0) {
-        while (k + 8 <= end && bitmap_.data()[k / 8] == 0) k += 8;
-        if (k >= end) break;
-      }
-      if (BitSet(bitmap_.data(), k)) return k;
-      ++k;
-    }
-    return end;
+  // The next block to copy at or after k below `end`, or `end`.
+  uint64_t nextUsed(uint64_t k, uint64_t end) const { return NextBit(bitmap_.data(), k, end, true); }
+  // The next block not to copy at or after k below `end`, or `end`.
+  uint64_t nextUnused(uint64_t k, uint64_t end) const { return NextBit(bitmap_.data(), k, end, false); }
+  // Blocks to copy in [0, count) of the loaded piece.
+  uint64_t countUsed(uint64_t count) const {
+    uint64_t used = 0;
+    uint64_t k = 0;
+    for (; k + 64 <= count; k += 64) used += static_cast<uint64_t>(__builtin_popcountll(Word(bitmap_.data(), k)));
+    for (; k < count; ++k) used += BitSet(bitmap_.data(), k) ? 1 : 0;
+    return used;
   }
   uint64_t blockSize() const { return blockSize_; }
 
  private:
+  // Clears the bits of the COW files' blocks in the piece just loaded. The list is
+  // built when the first used block is met, as a block-by-block question would build it.
+  void TakeOutCowBlocks(uint64_t start, uint64_t count) {
+    if (nextUsed(0, count) >= count) return;
+    const std::vector<FileSkipper::Extent>* extents = skipper_.CowExtents(blockSize_);
+    if (extents == nullptr) return;
+    uint64_t end = start + count;
+    for (const FileSkipper::Extent& extent : *extents) {
+      uint64_t from = std::max(extent.first, start);
+      uint64_t to = std::min(extent.second + 1, end);
+      if (from < to) ClearBits(bitmap_.data(), from - start, to - start);
+    }
+  }
+
   CopyJob& job_;
   FileSkipper& skipper_;
   MappedBuffer bitmap_;  // zeros until the first piece is read
@@ -142,10 +191,8 @@ bool CopyFullUsedBlocks(CopyJob& job, IscsiBlockDevice& device) {
 
   // Counting pass: the total the appliance sees before any data moves.
   uint64_t usedBlocks = 0;
-  bool counted = walk.run([&](uint64_t start, uint64_t count) {
-    for (uint64_t k = walk.nextUsed(0, count); k < count; k = walk.nextUsed(k + 1, count)) {
-      if (walk.wanted(start, k)) ++usedBlocks;
-    }
+  bool counted = walk.run([&](uint64_t, uint64_t count) {
+    usedBlocks += walk.countUsed(count);
     return true;
   });
   if (!counted) return false;
@@ -197,22 +244,19 @@ bool CopyFullUsedBlocks(CopyJob& job, IscsiBlockDevice& device) {
   };
 
   bool ok = walk.run([&](uint64_t start, uint64_t count) {
+    // Each run of blocks to copy goes in chunks of as many whole blocks as fit in one;
+    // a run ends at the piece's end even when the next piece continues it.
     uint64_t blockSize = walk.blockSize();
-    for (uint64_t k = 0; k < count; ++k) {
-      if (IsCancelled(job)) return false;
-      if (runStart < 0) {
-        // Outside a run nothing happens until the next used block.
-        k = walk.nextUsed(k, count);
-        if (k >= count) break;
-      }
-      bool last = k + 1 == count;
-      if (walk.wanted(start, k)) {
-        runBytes += blockSize;
-        if (runStart < 0) runStart = static_cast<int64_t>(start + k);
-        if (runBytes + blockSize <= kCopyChunkBytes && !last) continue;
+    uint64_t perChunk = std::max<uint64_t>(1, kCopyChunkBytes / blockSize);
+    for (uint64_t k = walk.nextUsed(0, count); k < count; k = walk.nextUsed(k, count)) {
+      uint64_t end = walk.nextUnused(k, count);
+      while (k < end) {
+        if (IsCancelled(job)) return false;
+        uint64_t blocks = std::min(perChunk, end - k);
+        runStart = static_cast<int64_t>(start + k);
+        runBytes = blocks * blockSize;
         if (!flush()) return false;
-      } else if (runStart >= 0) {
-        if (!flush()) return false;
+        k += blocks;
       }
     }
     return true;

@@ -643,7 +643,7 @@ class Bench:
                 self.record(target, kind, {"seconds": result["seconds"], "mib_s": result["mib_s"],
                                            "bytes": result["bytes"]})
                 say("%s %s: %.0f MiB/s" % (tag, kind, result["mib_s"]))
-            for kind, label, flags, expect, _ in KINDS:
+            for kind, label, flags, expect, _ in self.args.kinds:
                 rig.set_used_blocks(kind != "full_all")
                 extra = {}
                 if kind.startswith("incremental_"):
@@ -734,7 +734,7 @@ class Bench:
                              "mib_s": median([s["mib_s"] for s in samples]),
                              "seconds": median([s["seconds"] for s in samples]),
                              "ratio": None, "ratio_to": None, "samples": samples})
-            kinds = [(k, label, against) for k, label, _, _, against in KINDS]
+            kinds = [(k, label, against) for k, label, _, _, against in self.args.kinds]
             if runs(BIG_LOGS[0]):
                 kinds.append((BIG_LOGS[0], BIG_LOGS[1], "baseline_copy_big_logs"))
             for kind, label, against in kinds:
@@ -776,6 +776,8 @@ class Bench:
         checks = []
 
         def check(name, value, limit, at_least):
+            if value is None and len(self.args.kinds) < len(KINDS):
+                return  # a goal whose copies --kinds left out
             ok = value is not None and (value >= limit if at_least else value <= limit)
             checks.append({"target": target, "name": name, "value": value, "limit": limit,
                            "at_least": at_least, "ok": ok})
@@ -798,7 +800,7 @@ class Bench:
             expected = run["bytes"] / MIB / read["mib_s"] + rewritten * CHUNK / MIB / write["mib_s"]
             values.append(run["copy_seconds"] / expected)
         check("diff-merge, 10% of chunks differ: time / (baseline read + writes)", median(values), 1.10, False)
-        all_runs = [s for kind, *_ in KINDS for s in runs(kind)] + runs(BIG_LOGS[0])
+        all_runs = [s for kind, *_ in self.args.kinds for s in runs(kind)] + runs(BIG_LOGS[0])
         check("peak RSS of orvd during any copy (MiB)", max(s["rss_bytes"] for s in all_runs) / MIB, 80, False)
         latencies = [ms for s in all_runs for ms in s["latency_ms"]]
         check("p99 latency of GET /backup/<id> during copies (ms)", percentile(latencies, 0.99), 50, False)
@@ -903,7 +905,19 @@ def main():
     parser.add_argument("--log-rows", type=int, default=None,
                         help="rows for the logs table of the last target's big-logs copies (default: 30 days of "
                              "daily full backups of a 1 TiB volume; 0 skips them)")
+    parser.add_argument("--kinds", default=",".join(k[0] for k in KINDS),
+                        help="copies to measure, comma-separated, in the run's order (default all: %(default)s)")
     args = parser.parse_args()
+    # A name picks that copy; a group (full, incremental, diff or diffmerge) all of its copies.
+    def picks(name, kind):
+        group = "diff" if name == "diffmerge" else name
+        return kind == name or kind.startswith(group + "_")
+    names = [k for k in args.kinds.split(",") if k]
+    unknown = [k for k in names if not any(picks(k, kind[0]) for kind in KINDS)]
+    if unknown or not names:
+        parser.error("--kinds takes some of %s, or the groups full, incremental, diffmerge" %
+                     ",".join(k[0] for k in KINDS))
+    args.kinds = [kind for kind in KINDS if any(picks(k, kind[0]) for k in names)]
     args.targets = [t for t in args.targets.split(",") if t]
     if any(t not in ("stock", "tuned") for t in args.targets) or not args.targets:
         parser.error("--targets takes stock and/or tuned")
