@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
@@ -38,10 +39,12 @@ class ChunkBuffer {
 };
 
 // Reads the snapshot ahead of the comparison on a thread of its own, chunk after chunk,
-// into a ring of kRing buffers: while the copy's thread reads chunk k of the target, the
-// snapshot's chunks k + 1 and k + 2 are read, so the two devices are read at the same
-// time instead of by turns. The copy takes the chunks in order and gives each back once
-// it is settled. Without a thread (none could be started) each chunk is read when taken.
+// into a ring of kRing buffers: while the copy's thread waits for chunk k of the target,
+// the snapshot's chunk k + 1 is read, so the two devices are read at the same time
+// instead of by turns (the snapshot reads far faster than the target: one chunk ahead
+// keeps it out of the way, and the copy holds four chunk buffers as before). The copy
+// takes the chunks in order and gives each back once it is settled. Without a thread
+// (none could be started) each chunk is read when taken.
 class SnapshotAhead {
  public:
   explicit SnapshotAhead(int fd) : fd_(fd) {}
@@ -96,7 +99,7 @@ class SnapshotAhead {
   }
 
  private:
-  static constexpr uint64_t kRing = 3;
+  static constexpr uint64_t kRing = 2;
 
   struct Slot {
     ssize_t length = 0;
@@ -131,6 +134,63 @@ class SnapshotAhead {
   bool stop_ = false;
 };
 
+// Keeps the target reading the image's next chunk while the copy compares and writes
+// the current one: the read of chunk k + kAhead is sent on the device's session before
+// chunk k is read, into a ring of kAhead + 1 buffers, and the device's Read of chunk k
+// takes its answer (failures included) when the copy comes to it. A chunk's write never
+// meets a read of its own blocks: the reads ahead are of later chunks. Whatever is still
+// in flight when the copy ends, for any reason, is waited for and forgotten.
+class TargetAhead {
+ public:
+  TargetAhead(IscsiBlockDevice& device, int64_t imageOffset, uint64_t imageBytes)
+      : device_(device), imageOffset_(imageOffset), imageBytes_(imageBytes) {}
+  virtual ~TargetAhead() { device_.DropReadsAhead(); }
+  TargetAhead(const TargetAhead&) = delete;
+  TargetAhead& operator=(const TargetAhead&) = delete;
+
+  bool Ready() const {
+    for (const ChunkBuffer& buffer : buffers_) {
+      if (buffer.get() == nullptr) return false;
+    }
+    return true;
+  }
+
+  unsigned char* Buffer(uint64_t k) const { return buffers_[k % kRing].get(); }
+
+  // Sends the reads of the chunks up to k + kAhead that are not sent yet. The buffer of
+  // chunk k + kAhead held chunk k - 1, which is settled.
+  void SendAhead(uint64_t k) {
+    for (; sent_ <= k + kAhead; ++sent_) {
+      uint64_t start = sent_ * kCopyChunkBytes;
+      if (start >= imageBytes_) return;
+      uint64_t bytes = std::min<uint64_t>(kCopyChunkBytes, imageBytes_ - start);
+      device_.ReadAhead(Buffer(sent_), bytes, imageOffset_ + static_cast<int64_t>(start));
+    }
+  }
+
+  // memcmp in slices, taking in the target's answer to the read ahead between them so
+  // that its data does not wait in a full socket while the chunk is compared.
+  bool Same(const unsigned char* a, const unsigned char* b, size_t bytes) {
+    for (size_t done = 0; done < bytes; done += kSlice) {
+      size_t slice = std::min(kSlice, bytes - done);
+      if (memcmp(a + done, b + done, slice) != 0) return false;
+      device_.ServiceReadsAhead();
+    }
+    return true;
+  }
+
+ private:
+  static constexpr uint64_t kAhead = 1;
+  static constexpr uint64_t kRing = kAhead + 1;
+  static constexpr size_t kSlice = 1 << 20;
+
+  IscsiBlockDevice& device_;
+  int64_t imageOffset_;
+  uint64_t imageBytes_;
+  ChunkBuffer buffers_[kRing];
+  uint64_t sent_ = 0;  // chunks whose read was sent (or left to the copy's own Read)
+};
+
 }  // namespace
 
 bool CopyDiffMergeAllBlocks(CopyJob& job, IscsiBlockDevice& device) {
@@ -140,8 +200,8 @@ bool CopyDiffMergeAllBlocks(CopyJob& job, IscsiBlockDevice& device) {
   if (!snapshot.Open(job, device, "Open snapshot device %s failed: %d")) return false;
 
   SnapshotAhead ahead(snapshot.fd());
-  ChunkBuffer remote;
-  if (!ahead.Ready() || remote.get() == nullptr) {
+  TargetAhead target(device, job.imageOffset, snapshot.size());
+  if (!ahead.Ready() || !target.Ready()) {
     LogEvent(kError, job.backupId, "Could not allocate snapshot read buffer.");
     return false;
   }
@@ -159,7 +219,9 @@ bool CopyDiffMergeAllBlocks(CopyJob& job, IscsiBlockDevice& device) {
     }
     if (n == 0) return true;
     if (IsCancelled(job)) return false;
-    int64_t got = device.ReadRetry(remote.get(), static_cast<size_t>(n));
+    target.SendAhead(k);
+    unsigned char* remote = target.Buffer(k);
+    int64_t got = device.ReadRetry(remote, static_cast<size_t>(n));
     if (got < 1) {
       TargetError(job, "Could not read from target device.");
       LogEvent(kError, job.backupId, "Read from iscsi target failed: %d", errno);
@@ -172,7 +234,7 @@ bool CopyDiffMergeAllBlocks(CopyJob& job, IscsiBlockDevice& device) {
     }
     transferred += static_cast<uint64_t>(n);
     if (job.status) job.status->setBytesTransferred(job.volumeUuid, transferred);
-    if (memcmp(local, remote.get(), static_cast<size_t>(n)) != 0) {
+    if (!target.Same(local, remote, static_cast<size_t>(n))) {
       if (device.Seek(-n, SEEK_CUR) < 0) {
         TargetError(job, "Could not seek on target device.");
         LogEvent(kError, job.backupId, "Iscsi backward seek failed: %d", errno);

@@ -1,6 +1,7 @@
 #include "transfer/iscsi_block_device.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -33,7 +34,30 @@ constexpr uint64_t kMaxCommandBytes = std::numeric_limits<uint32_t>::max();
 
 bool TaskGood(const scsi_task* task) { return task != nullptr && task->status == SCSI_STATUS_GOOD; }
 
+// How long one wait for a read ahead polls the socket before it lets libiscsi look at its
+// command timeouts, as libiscsi's own synchronous calls do.
+constexpr int kServicePollMs = 1000;
+
 }  // namespace
+
+// A read sent ahead: where it reads, into what, and what the target answered. libiscsi
+// keeps a pointer to `iov` and to the record itself until it answers.
+struct IscsiBlockDevice::ReadAheadCommand {
+  unsigned char* buffer = nullptr;
+  uint64_t lba = 0;
+  uint64_t bytes = 0;
+  scsi_iovec iov{};
+  TaskPtr task;
+  bool answered = false;
+  int status = SCSI_STATUS_ERROR;
+  bool lost = false;  // its session failed while no one was waiting for it
+
+  static void Answered(iscsi_context*, int status, void*, void* self) {
+    auto* command = static_cast<ReadAheadCommand*>(self);
+    command->answered = true;
+    command->status = status;
+  }
+};
 
 void IscsiBlockDevice::ContextDeleter::operator()(iscsi_context* context) const { iscsi_destroy_context(context); }
 
@@ -143,10 +167,14 @@ bool IscsiBlockDevice::Connect() {
 bool IscsiBlockDevice::Disconnect() {
   MutexLock hold(lock_);
   if (!context_) return false;
+  if (!broken_) DropReadsAhead();
   if (!broken_) ProbeRead();
   // A session that no longer answers would hold the logout until the command timeout.
   if (!broken_ && iscsi_is_logged_in(context_.get())) iscsi_logout_sync(context_.get());
+  LoseReadsAhead();
   context_.reset();
+  // Only now that libiscsi has let go of them.
+  lostReads_.clear();
   return true;
 }
 
@@ -185,9 +213,24 @@ int64_t IscsiBlockDevice::Read(void* buffer, size_t length, bool& retryFlag) {
   // A read of whole blocks lands straight in the caller's buffer; only a read that starts
   // or ends inside a block goes through libiscsi's own buffer and a copy.
   bool direct = offsetInBlock == 0 && length == requested;
+  ReadAheadCommand* ahead = nullptr;
+  if (!readsAhead_.empty()) {
+    ReadAheadCommand& front = *readsAhead_.front();
+    if (direct && front.buffer == buffer && front.lba == lba && front.bytes == requested) {
+      ahead = &front;
+    } else {
+      DropReadsAhead();
+    }
+  }
   busy_ = true;
   TaskPtr task;
-  if (direct) {
+  if (ahead != nullptr) {
+    // A session that fails before the answer gives no task, as a synchronous read would.
+    if (AwaitReadAhead(*ahead)) {
+      if (ahead->status == SCSI_STATUS_GOOD) task = std::move(ahead->task);
+      readsAhead_.pop_front();
+    }
+  } else if (direct) {
     scsi_iovec iov{buffer, static_cast<size_t>(requested)};
     task.reset(iscsi_read16_iov_sync(context_.get(), lun_, lba, static_cast<uint32_t>(requested),
                                      static_cast<int>(blockSize_), 0, 0, 0, 0, 0, &iov, 1));
@@ -247,6 +290,15 @@ int64_t IscsiBlockDevice::Write(const void* buffer, size_t length, bool& retryFl
   if (length > kMaxCommandBytes) {
     errno = EINVAL;
     return -1;
+  }
+  // The target may run the commands of a session in any order: a read ahead of these
+  // blocks must have its answer before they change.
+  uint64_t end = lba + length / blockSize_;
+  for (const auto& command : readsAhead_) {
+    if (command->lba < end && lba < command->lba + command->bytes / blockSize_) {
+      DropReadsAhead();
+      break;
+    }
   }
   busy_ = true;
   // libiscsi sends straight from the caller's buffer; it does not write to it.
@@ -308,6 +360,80 @@ int64_t IscsiBlockDevice::WriteRetry(const void* buffer, size_t length) {
   broken_ = true;
   errno = EIO;
   return -1;
+}
+
+bool IscsiBlockDevice::ReadAhead(void* buffer, size_t length, int64_t offset) {
+  MutexLock hold(lock_);
+  if (!context_ || broken_ || busy_ || offset < 0 || length == 0) return false;
+  uint64_t start = static_cast<uint64_t>(offset);
+  if (start % blockSize_ != 0 || length % blockSize_ != 0 || length > kMaxCommandBytes) return false;
+  uint64_t lba = start / blockSize_;
+  if (lba >= blockCount_ || length / blockSize_ > blockCount_ - lba) return false;
+  auto command = std::make_unique<ReadAheadCommand>();
+  command->buffer = static_cast<unsigned char*>(buffer);
+  command->lba = lba;
+  command->bytes = length;
+  command->iov = scsi_iovec{buffer, length};
+  command->task.reset(iscsi_read16_iov_task(context_.get(), lun_, lba, static_cast<uint32_t>(length),
+                                            static_cast<int>(blockSize_), 0, 0, 0, 0, 0, &ReadAheadCommand::Answered,
+                                            command.get(), &command->iov, 1));
+  // libiscsi frees the task itself when it cannot send it.
+  if (!command->task) return false;
+  readsAhead_.push_back(std::move(command));
+  return true;
+}
+
+bool IscsiBlockDevice::AwaitReadAhead(ReadAheadCommand& command) {
+  while (!command.answered) {
+    pollfd socket{iscsi_get_fd(context_.get()), 0, 0};
+    if (command.lost || socket.fd < 0) {
+      LoseReadsAhead();
+      return false;
+    }
+    socket.events = static_cast<short>(iscsi_which_events(context_.get()));
+    if (socket.events == 0) {
+      // libiscsi has nothing to wait for on the socket just now (it is between
+      // connections); it asks to be called again a little later.
+      sleep(1);
+      continue;
+    }
+    int ready = poll(&socket, 1, kServicePollMs);
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready < 0 || iscsi_service(context_.get(), ready == 0 ? 0 : socket.revents) < 0) {
+      LoseReadsAhead();
+      return false;
+    }
+  }
+  return true;
+}
+
+void IscsiBlockDevice::ServiceReadsAhead() {
+  MutexLock hold(lock_);
+  if (!context_ || busy_ || readsAhead_.empty()) return;
+  pollfd socket{iscsi_get_fd(context_.get()), 0, 0};
+  if (socket.fd < 0) return;
+  socket.events = static_cast<short>(iscsi_which_events(context_.get()));
+  if (socket.events == 0) return;
+  if (poll(&socket, 1, 0) <= 0 || iscsi_service(context_.get(), socket.revents) >= 0) return;
+  // Left for the Read that takes the answer to find and tell, as if it had failed there.
+  for (const auto& command : readsAhead_) command->lost = true;
+}
+
+void IscsiBlockDevice::DropReadsAhead() {
+  MutexLock hold(lock_);
+  while (!readsAhead_.empty()) {
+    if (!AwaitReadAhead(*readsAhead_.front())) return;
+    readsAhead_.pop_front();
+  }
+}
+
+void IscsiBlockDevice::LoseReadsAhead() {
+  // A session that lost its answers is failed, as when a command of its own fails.
+  if (!readsAhead_.empty()) broken_ = true;
+  while (!readsAhead_.empty()) {
+    lostReads_.push_back(std::move(readsAhead_.front()));
+    readsAhead_.pop_front();
+  }
 }
 
 int64_t IscsiBlockDevice::Seek(int64_t offset, int whence) {

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -54,6 +55,22 @@ class IscsiBlockDevice {
   int64_t ReadRetry(void* buffer, size_t length);
   int64_t WriteRetry(const void* buffer, size_t length);
 
+  // Sends a read of `length` bytes at byte `offset` on the same session without waiting
+  // for it, so that the target reads while the caller works. The Read that later comes
+  // to that position, for that length into that buffer, takes its answer instead of
+  // sending a command of its own, and only then tells what it was: a failure is logged
+  // and retried there, as if the command had been sent at that moment. Any other Read
+  // first waits for the reads ahead and forgets them; a Write waits for those that
+  // overlap its blocks. Only whole blocks within the LUN are read ahead: false when
+  // this read is not one (or cannot be sent), and the later Read sends its own. The
+  // buffer belongs to the device until that Read, DropReadsAhead or Disconnect.
+  bool ReadAhead(void* buffer, size_t length, int64_t offset);
+  // Waits for every read sent ahead and forgets it; nothing of them is logged.
+  void DropReadsAhead();
+  // Takes in, without waiting, whatever the target has sent for the reads ahead, so that
+  // the target is not held up by a full socket while the caller works.
+  void ServiceReadsAhead();
+
   // Runs on the calling thread before the device stores a log row. The async writer lets
   // the rows its reporter still holds go first, so that rows keep the writer's order.
   void SetBeforeLog(std::function<void()> hook) { beforeLog_ = std::move(hook); }
@@ -86,6 +103,12 @@ class IscsiBlockDevice {
   // Drops the session and logs in again at the same byte position.
   bool Reconnect();
 
+  struct ReadAheadCommand;
+  // Serves the session until `command` is answered; false when the session failed first.
+  bool AwaitReadAhead(ReadAheadCommand& command);
+  // The reads ahead whose answers can no longer come, kept until their session is gone.
+  void LoseReadsAhead();
+
   int fd_ = 0;
   int64_t position_ = 0;
   uint64_t blockSize_ = 0;
@@ -100,6 +123,10 @@ class IscsiBlockDevice {
   bool broken_ = false;
   Mutex lock_{true};
   std::function<void()> beforeLog_;
+  // Reads sent ahead, oldest first, and those lost with a failed session: libiscsi holds
+  // their tasks and buffers until it answers them or its context is destroyed.
+  std::deque<std::unique_ptr<ReadAheadCommand>> readsAhead_;
+  std::deque<std::unique_ptr<ReadAheadCommand>> lostReads_;
 };
 
 }  // namespace orv
