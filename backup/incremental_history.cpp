@@ -1,6 +1,7 @@
 #include "backup/incremental_history.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -137,21 +138,39 @@ int IncrementalHistory::remove_incremental_history() {
 
 int IncrementalHistory::overlay(uint64_t* map, size_t bytes, off_t offset, int historyFd) {
   if (historyFd < 0) return 0;
+  std::vector<uint64_t> history((bytes + 7) / 8, 0);
+  return overlay(map, bytes, offset, historyFd, history.data());
+}
+
+int IncrementalHistory::overlay(uint64_t* map, size_t bytes, off_t offset, int historyFd, uint64_t* scratch) {
+  if (historyFd < 0) return 0;
   size_t words = (bytes + 7) / 8;
-  std::vector<uint64_t> history(words, 0);
   if (lseek(historyFd, offset, SEEK_SET) != offset) {
     int error = errno;
     LogEvent(kError, backupId_, "Unable to find data in incremental history to overlay. error: %d", error);
     return error;
   }
-  ssize_t got = ReadAt(historyFd, history.data(), words * 8, offset);
+  ssize_t got = ReadAt(historyFd, scratch, words * 8, offset);
   if (got != static_cast<ssize_t>(words * 8)) {
     int error = got < 0 ? errno : EIO;
     LogEvent(kError, backupId_, "Unable to read from incremental history to overlay. error: %d", error);
     return error;
   }
-  for (size_t i = 0; i < words; ++i) map[i] |= history[i];
+  for (size_t i = 0; i < words; ++i) map[i] |= scratch[i];
   return 0;
+}
+
+int IncrementalHistory::overlayReaches(off_t end, int historyFd) {
+  if (historyFd < 0) return 0;
+  struct stat info;
+  if (fstat(historyFd, &info) != 0) {
+    int error = errno;
+    LogEvent(kError, backupId_, "Unable to find data in incremental history to overlay. error: %d", error);
+    return error;
+  }
+  if (info.st_size >= end) return 0;
+  LogEvent(kError, backupId_, "Unable to read from incremental history to overlay. error: %d", EIO);
+  return EIO;
 }
 
 bool IncrementalHistory::incrementalOk() {

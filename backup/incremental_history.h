@@ -38,6 +38,12 @@ class IncrementalHistory {
   // `map`; 0 or an error number. A shorter history cannot say what changed there, so
   // it is an error (EIO when the read itself reported none).
   int overlay(uint64_t* map, size_t bytes, off_t offset, int historyFd);
+  // The same, reading the history's words into `scratch` (room for `bytes` rounded up to
+  // whole words) instead of a buffer of its own: a copy overlays every piece of the map.
+  int overlay(uint64_t* map, size_t bytes, off_t offset, int historyFd, uint64_t* scratch);
+  // 0 when the history holds at least `end` bytes; otherwise what overlaying the map up
+  // to `end` would report: EIO (or the error of looking), logged as that overlay does.
+  int overlayReaches(off_t end, int historyFd);
 
   // The latest "incremental_ok" / "incremental_history" records of the volume.
   bool incrementalOk();

@@ -27,8 +27,9 @@ void ChunkReporter::Report(const WrittenChunk& chunk) {
     return;
   }
   std::unique_lock<std::mutex> hold(lock_);
-  changed_.wait(hold, [&] { return pending_.size() < kMostBehind; });
+  changed_.wait(hold, [&] { return pending_.size() < kMostBehind && pendingBytes_ < kMostBytesBehind; });
   pending_.push_back(chunk);
+  pendingBytes_ += chunk.writeLength;
   changed_.notify_all();
 }
 
@@ -63,6 +64,7 @@ void ChunkReporter::Run() {
     if (pending_.empty()) return;  // finishing, and everything told
     WrittenChunk chunk = pending_.front();
     pending_.pop_front();
+    pendingBytes_ -= chunk.writeLength;
     telling_ = true;
     hold.unlock();
     Tell(volumeUuid_, status_, chunk);

@@ -23,10 +23,13 @@ struct WrittenChunk {
 // Reports the async writer's chunks (the volume's bytes-transferred figure, whose setter
 // stores a log row, and the display line) on a thread of its own, in the order written.
 // A report takes the status lock and stores a log row, which can wait on the database
-// (another process's lock, a slow disk); reported beside the writes it does not hold
-// them up. The writer waits
-// when kMostBehind reports are pending, and drains the reporter before it logs a failure
-// or ends, so every row comes in the same order as when the writer reported itself.
+// (another process's lock, a slow disk, the rows of a status request); reported beside
+// the writes it does not hold them up. The writer waits while the chunks pending hold
+// kMostBytesBehind bytes (four full chunks) or kMostBehind reports, so the figure never
+// lags the target by more than four full chunks, while the many small chunks of an
+// incremental copy ride out a burst of slow rows. The writer drains the reporter before
+// it logs a failure or ends, so every row comes in the same order as when the writer
+// reported itself.
 // Without a thread (none could be started) each chunk is reported at once.
 class ChunkReporter {
  public:
@@ -46,7 +49,8 @@ class ChunkReporter {
   static void Tell(const std::string& volumeUuid, AllBackupStatus* status, const WrittenChunk& chunk);
 
  private:
-  static constexpr size_t kMostBehind = 4;
+  static constexpr size_t kMostBehind = 256;
+  static constexpr int64_t kMostBytesBehind = 4 * 12582912;
 
   void Run();
 
@@ -56,6 +60,7 @@ class ChunkReporter {
   std::mutex lock_;
   std::condition_variable changed_;
   std::deque<WrittenChunk> pending_;
+  int64_t pendingBytes_ = 0;  // written bytes of the chunks in pending_
   bool telling_ = false;  // the thread is telling a chunk it took from pending_
   bool finish_ = false;
 };

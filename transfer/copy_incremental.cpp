@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -23,9 +24,35 @@ namespace orv {
 namespace {
 
 constexpr off_t kMapHeaderBytes = 4096;
+constexpr size_t kChunkEntries = kChangeMapChunkBytes / 8;
+constexpr uint64_t kRunBlocks = kCopyChunkBytes / kChangeBlockBytes;
 
-// Streams the change map in 10 MiB chunks, each overlaid with the history's words at
-// the same offset and clipped to the volume. The counting and the copy pass share it.
+// The first entry at or after `i` (below `end`) that marks a changed block; `end` when
+// none does. Most of a map is zero: eight words are looked at together.
+size_t NextChanged(const uint64_t* words, size_t i, size_t end) {
+  while (i < end && (i & 7) != 0) {
+    if (words[i] != 0) return i;
+    ++i;
+  }
+  while (i + 8 <= end && (words[i] | words[i + 1] | words[i + 2] | words[i + 3] | words[i + 4] | words[i + 5] |
+                          words[i + 6] | words[i + 7]) == 0) {
+    i += 8;
+  }
+  while (i < end && words[i] == 0) ++i;
+  return i;
+}
+
+// The first entry at or after `i` (below `end`) that marks an unchanged block; `end`
+// when none does.
+size_t NextUnchanged(const uint64_t* words, size_t i, size_t end) {
+  while (i < end && words[i] != 0) ++i;
+  return i;
+}
+
+// The change map in pieces of 10 MiB of entries, each overlaid with the history's words
+// at the same offset. Only the entries of the volume's blocks are read: a COW file goes
+// on past them with the driver's copied data (a hundred times the map and more), which
+// says nothing about what changed. The counting and the copy pass share it.
 class ChangeMap {
  public:
   ChangeMap(CopyJob& job, int cowFd, int historyFd)
@@ -34,10 +61,11 @@ class ChangeMap {
         historyFd_(historyFd),
         history_("", job.volumeUuid, job.backupId),
         buffer_(kChangeMapChunkBytes),
-        words_(reinterpret_cast<uint64_t*>(buffer_.data())) {}
+        words_(reinterpret_cast<uint64_t*>(buffer_.data())),
+        scratch_(historyFd >= 0 ? kChangeMapChunkBytes : 0) {}
 
   bool allocate() {
-    if (words_ == nullptr) {
+    if (words_ == nullptr || (historyFd_ >= 0 && scratch_.data() == nullptr)) {
       LogEvent(kError, job_.backupId, "Could not allocate incremental map buffer.");
       return false;
     }
@@ -50,20 +78,24 @@ class ChangeMap {
       job_.changeMapBroken = true;
       return false;
     }
-    offset_ = kMapHeaderBytes;
     firstBlock_ = 0;
+    entries_ = 0;
+    ended_ = false;
     return true;
   }
 
-  // Loads the next chunk: entries() and firstBlock() describe it. False at the end
-  // (with ok() true) or on an error (ok() false).
+  // Loads the next piece: entries() and firstBlock() describe it. False at the end (with
+  // ok() true) or on an error (ok() false).
   bool next() {
     firstBlock_ += entries_;
     entries_ = 0;
+    if (ended_ || firstBlock_ >= job_.volumeBlockCount) return false;
+    size_t wanted = static_cast<size_t>(std::min<uint64_t>(kChunkEntries, job_.volumeBlockCount - firstBlock_)) * 8;
+    off_t offset = kMapHeaderBytes + static_cast<off_t>(firstBlock_ * 8);
     size_t done = 0;
     char* buffer = reinterpret_cast<char*>(words_);
-    while (done < kChangeMapChunkBytes) {
-      ssize_t n = read(cowFd_, buffer + done, kChangeMapChunkBytes - done);
+    while (done < wanted) {
+      ssize_t n = pread(cowFd_, buffer + done, wanted - done, offset + static_cast<off_t>(done));
       if (n < 0) {
         if (errno == EINTR) continue;
         LogEvent(kError, job_.backupId, "Open cow file %s failed: %d", job_.changeMapPath.c_str(), errno);
@@ -75,42 +107,58 @@ class ChangeMap {
       done += static_cast<size_t>(n);
     }
     if (done == 0) return false;
+    // The file was checked to hold every entry of the volume; should it end early all
+    // the same, the map ends there.
+    if (done < wanted) ended_ = true;
     size_t entries = done / 8;
     if (historyFd_ >= 0) {
-      int error = history_.overlay(words_, entries * 8, offset_, historyFd_);
-      if (error != 0) {
-        LogEvent(kError, job_.backupId, "Could not overlay incremental history. errno: %d", error);
-        job_.changeMapBroken = true;
-        ok_ = false;
-        return false;
-      }
-    }
-    offset_ += static_cast<off_t>(done);
-    // Entries past the volume's end belong to no block of it.
-    if (firstBlock_ >= job_.volumeBlockCount) {
-      entries = 0;
-    } else if (firstBlock_ + entries > job_.volumeBlockCount) {
-      entries = static_cast<size_t>(job_.volumeBlockCount - firstBlock_);
+      int error =
+          history_.overlay(words_, entries * 8, offset, historyFd_, reinterpret_cast<uint64_t*>(scratch_.data()));
+      if (error != 0) return overlayFailed(error);
     }
     entries_ = entries;
-    return entries_ > 0 || done == kChangeMapChunkBytes;
+    return true;
+  }
+
+  // After the counting pass: the history must reach as far as the COW file does, as it
+  // did when every piece of the file was overlaid.
+  bool historyReachesCowEnd(uint64_t cowBytes) {
+    if (historyFd_ < 0 || cowBytes <= static_cast<uint64_t>(kMapHeaderBytes)) return true;
+    uint64_t end = kMapHeaderBytes + (cowBytes - kMapHeaderBytes) / 8 * 8;
+    int error = history_.overlayReaches(static_cast<off_t>(end), historyFd_);
+    return error == 0 || overlayFailed(error);
   }
 
   bool ok() const { return ok_; }
   size_t entries() const { return entries_; }
   uint64_t firstBlock() const { return firstBlock_; }
-  bool changed(size_t i) const { return words_[i] != 0; }
+  const uint64_t* words() const { return words_; }
+
+  // Changed entries of the loaded piece.
+  uint64_t countChanged() const {
+    uint64_t count = 0;
+    for (size_t i = 0; i < entries_; ++i) count += words_[i] != 0 ? 1 : 0;
+    return count;
+  }
 
  private:
+  bool overlayFailed(int error) {
+    LogEvent(kError, job_.backupId, "Could not overlay incremental history. errno: %d", error);
+    job_.changeMapBroken = true;
+    ok_ = false;
+    return false;
+  }
+
   CopyJob& job_;
   int cowFd_;
   int historyFd_;
   IncrementalHistory history_;
   MappedBuffer buffer_;  // only the pages of the map read so far count
   uint64_t* words_;
-  off_t offset_ = kMapHeaderBytes;
+  MappedBuffer scratch_;  // the history's words of a piece
   uint64_t firstBlock_ = 0;
   size_t entries_ = 0;
+  bool ended_ = false;
   bool ok_ = true;
 };
 
@@ -149,10 +197,8 @@ bool CopyIncrementalAllBlocks(CopyJob& job, IscsiBlockDevice& device) {
   ChangeMap map(job, cow.get(), history.get());
   if (!map.allocate() || !map.rewind()) return false;
   uint64_t changed = 0;
-  while (map.next()) {
-    for (size_t i = 0; i < map.entries(); ++i) changed += map.changed(i) ? 1 : 0;
-  }
-  if (!map.ok()) return false;
+  while (map.next()) changed += map.countChanged();
+  if (!map.ok() || !map.historyReachesCowEnd(static_cast<uint64_t>(info.st_size))) return false;
   if (job.status) job.status->setTotalSize(job.volumeUuid, static_cast<int64_t>(changed * kChangeBlockBytes));
 
   if (!map.rewind()) return false;
@@ -202,29 +248,27 @@ bool CopyIncrementalAllBlocks(CopyJob& job, IscsiBlockDevice& device) {
     return true;
   };
 
+  // Runs of changed blocks, each at most a chunk buffer long and never across a piece of
+  // the map; the cancel flag is looked at before each.
   bool ok = true;
   while (ok && map.next()) {
+    const uint64_t* words = map.words();
     size_t entries = map.entries();
-    for (size_t i = 0; i < entries; ++i) {
+    for (size_t i = NextChanged(words, 0, entries); i < entries; i = NextChanged(words, i, entries)) {
       if (IsCancelled(job)) {
         ok = false;
         break;
       }
-      if (!map.changed(i)) {
-        if (runStart >= 0 && !flush()) {
-          ok = false;
-          break;
-        }
-        continue;
-      }
-      if (runStart < 0) runStart = static_cast<int64_t>(map.firstBlock() + i);
-      runBytes += kChangeBlockBytes;
-      // A run never crosses a map chunk, and never outgrows a chunk buffer.
-      if ((runBytes >= kCopyChunkBytes || i + 1 == entries) && !flush()) {
+      size_t end = NextUnchanged(words, i, static_cast<size_t>(std::min<uint64_t>(entries, i + kRunBlocks)));
+      runStart = static_cast<int64_t>(map.firstBlock() + i);
+      runBytes = (end - i) * kChangeBlockBytes;
+      if (!flush()) {
         ok = false;
         break;
       }
+      i = end;
     }
+    if (ok && IsCancelled(job)) ok = false;
   }
   if (!map.ok()) ok = false;
   bool written = pipeline.Finish();

@@ -6,6 +6,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "api/all_backup_status.h"
 #include "daemon/file_util.h"
@@ -27,7 +28,8 @@ void WriteMap(const std::string& path, uint64_t entries, const std::set<uint64_t
 
 class CopyIncrementalTest : public IscsiTargetTest {
  protected:
-  CopyIncrementalTest() : IscsiTargetTest(kVolumeBlocks * kBlock) {}
+  // Only the first 4096 blocks of the snapshot hold data; the rest reads as zeros.
+  explicit CopyIncrementalTest(uint64_t blocks = kVolumeBlocks) : IscsiTargetTest(blocks * kBlock), blocks_(blocks) {}
 
   void SetUp() override {
     ASSERT_NO_FATAL_FAILURE(IscsiTargetTest::SetUp());
@@ -36,13 +38,14 @@ class CopyIncrementalTest : public IscsiTargetTest {
     std::mt19937 random(7);
     for (char& c : data) c = static_cast<char>(random());
     ASSERT_EQ(WriteWholeFile(snapshot_, data), 0);
+    ASSERT_EQ(truncate(snapshot_.c_str(), static_cast<off_t>(blocks_ * kBlock)), 0);
     job_.backupId = "b";
     job_.volumeUuid = "u";
     job_.status = &status_;
     job_.cancelled = &cancelled_;
     job_.snapshotPath = snapshot_;
-    job_.volumeSize = kVolumeBlocks * kBlock;
-    job_.volumeBlockCount = kVolumeBlocks;
+    job_.volumeSize = blocks_ * kBlock;
+    job_.volumeBlockCount = blocks_;
     job_.changeMapPath = root_.root() + "/.zelko";
     job_.historyPath = root_.root() + "/.zelko.inc";
   }
@@ -66,6 +69,16 @@ class CopyIncrementalTest : public IscsiTargetTest {
     return written;
   }
 
+  // The volume's bytes-transferred figures in the order the writer set them: one per run.
+  std::vector<uint64_t> Progress() {
+    std::vector<uint64_t> figures;
+    for (const std::string& message : LoggedMessages("Set backup of volume u 'BYTES TRANSFERRED' to ")) {
+      figures.push_back(std::stoull(message.substr(message.find(" to ") + 4)));
+    }
+    return figures;
+  }
+
+  uint64_t blocks_;
   std::string snapshot_;
   AllBackupStatus status_{"b"};
   std::atomic<bool> cancelled_{false};
@@ -82,6 +95,38 @@ TEST_F(CopyIncrementalTest, WritesExactlyTheMarkedBlocksAndIgnoresEntriesPastThe
   EXPECT_EQ(volume.totalSize, static_cast<int64_t>(changed.size() * kBlock));
   EXPECT_EQ(volume.bytesTransferred, changed.size() * kBlock);
   EXPECT_FALSE(job_.changeMapBroken);
+}
+
+TEST_F(CopyIncrementalTest, ARunIsSentInChunkBuffersOfTwelveMiB) {
+  std::set<uint64_t> changed = {3};
+  for (uint64_t b = 10; b < 10 + 3072 + 5; ++b) changed.insert(b);
+  WriteMap(job_.changeMapPath, kVolumeBlocks, changed);
+  ASSERT_TRUE(Copy());
+  EXPECT_EQ(WrittenBlocks(), changed);
+  EXPECT_EQ(Progress(), (std::vector<uint64_t>{kBlock, kBlock + 12582912, kBlock + 12582912 + 5 * kBlock}));
+}
+
+// A volume just over one 10 MiB piece of the change map (1310720 blocks).
+class CopyIncrementalPiecesTest : public CopyIncrementalTest {
+ protected:
+  static constexpr uint64_t kPiece = kChangeMapChunkBytes / 8;
+  CopyIncrementalPiecesTest() : CopyIncrementalTest(kPiece + 16) {}
+};
+
+TEST_F(CopyIncrementalPiecesTest, ARunNeverCrossesAPieceOfTheMap) {
+  // Changed blocks on both sides of the piece boundary and up to the volume's last block.
+  std::set<uint64_t> changed = {1, 2, kPiece - 2, kPiece - 1, kPiece, kPiece + 1, kPiece + 15};
+  ASSERT_TRUE(WriteBacking(snapshot_, (kPiece - 2) * kBlock, Pattern(5 * kBlock, 3)));
+  ASSERT_TRUE(WriteBacking(snapshot_, (kPiece + 15) * kBlock, Pattern(kBlock, 4)));
+  WriteMap(job_.changeMapPath, kPiece + 16, changed);
+  ASSERT_TRUE(Copy());
+  EXPECT_EQ(Progress(), (std::vector<uint64_t>{2 * kBlock, 4 * kBlock, 6 * kBlock, 7 * kBlock}));
+  EXPECT_EQ(status_.volumes().at(0).totalSize, static_cast<int64_t>(7 * kBlock));
+  for (uint64_t block : changed) {
+    EXPECT_EQ(ReadBacking(lunPath_, block * kBlock, kBlock), ReadBacking(snapshot_, block * kBlock, kBlock)) << block;
+  }
+  // Block kPiece + 2 holds data but did not change: the image keeps what it had.
+  EXPECT_EQ(ReadBacking(lunPath_, (kPiece + 2) * kBlock, kBlock), std::vector<unsigned char>(kBlock, 0));
 }
 
 TEST_F(CopyIncrementalTest, HistoryIsOverlaidOnlyWhenFlagged) {
@@ -125,6 +170,25 @@ TEST_F(CopyIncrementalTest, MapsThatCannotBeTrustedFailAndSaySo) {
   EXPECT_FALSE(Copy());
   EXPECT_TRUE(job_.changeMapBroken);
   EXPECT_TRUE(WrittenBlocks().empty());
+}
+
+TEST_F(CopyIncrementalTest, AHistoryEndingBeforeItsCowFileFailsEvenWhereItCoversTheMap) {
+  job_.historyExists = true;
+  // A COW file goes on past its map with the driver's copied data; the history made from
+  // such a file is as long.
+  std::string map(4096 + kVolumeBlocks * 8, '\0');
+  map[4096 + 3 * 8] = 1;
+  ASSERT_EQ(WriteWholeFile(job_.changeMapPath, map + std::string(4099, 7)), 0);
+  ASSERT_EQ(WriteWholeFile(job_.historyPath, map + std::string(4088, 0)), 0);
+  EXPECT_FALSE(Copy());
+  EXPECT_TRUE(job_.changeMapBroken);
+  EXPECT_EQ(LoggedMessages("Could not overlay incremental history. errno: 5").size(), 1u);
+  EXPECT_TRUE(WrittenBlocks().empty());
+  ASSERT_EQ(WriteWholeFile(job_.historyPath, map + std::string(4096, 0)), 0);
+  job_.changeMapBroken = false;
+  EXPECT_TRUE(Copy());
+  EXPECT_FALSE(job_.changeMapBroken);
+  EXPECT_EQ(WrittenBlocks(), (std::set<uint64_t>{3}));
 }
 
 }  // namespace
