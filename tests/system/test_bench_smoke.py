@@ -83,7 +83,10 @@ def test_tiny_run_reports_every_row(tmp_path):
         for kind in COPIES:
             row = rows[(target, kind)]
             assert row["ratio"] > 0 and row["e2e_seconds"] >= row["seconds"], (target, kind, row)
-            assert row["rss_mib"] > 0 and row["latency_p99_ms"] > 0, (target, kind, row)
+            assert row["rss_mib"] > 0, (target, kind, row)
+            # A copy shorter than two of the 0.1 s between polls may have no poll inside it.
+            p99 = row["latency_p99_ms"]
+            assert (p99 is not None and p99 > 0) or (row["seconds"] < 0.2 and p99 is None), (target, kind, row)
         assert rows[(target, "diff_10")]["rewritten_chunks"] >= rows[(target, "diff_10")]["altered_chunks"]
     # Every goal is measured, met or not; the big table was pruned as the agent went.
     assert len(result["targets"]) == 2 * 8 + 1
