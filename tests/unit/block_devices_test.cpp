@@ -18,17 +18,6 @@
 namespace orv {
 namespace {
 
-std::string Command(const std::string& command) {
-  std::string output;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return output;
-  char buffer[256];
-  while (fgets(buffer, sizeof(buffer), pipe) != nullptr) output += buffer;
-  pclose(pipe);
-  while (!output.empty() && output.back() == '\n') output.pop_back();
-  return output;
-}
-
 class BlockDevicesTest : public AgentRootTest {
  protected:
   void SetUp() override {

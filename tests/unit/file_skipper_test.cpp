@@ -132,17 +132,6 @@ TEST_F(FileSkipperTest, FileSystemWithoutBlockMappingSkipsNothing) {
   EXPECT_TRUE(Logged("File block identification not supported. Not skipping files on backup.", kInfo));
 }
 
-std::string Command(const std::string& command) {
-  std::string output;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return output;
-  char buffer[256];
-  while (fgets(buffer, sizeof(buffer), pipe) != nullptr) output += buffer;
-  pclose(pipe);
-  while (!output.empty() && output.back() == '\n') output.pop_back();
-  return output;
-}
-
 // The list as the skipper built it before it learnt extents: FIBMAP for every block of
 // each file, in file order.
 struct BlockByBlock {

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 
@@ -73,6 +74,17 @@ UsedBlockWalk WalkUsedBlocks(std::vector<uint8_t>& image, uint64_t bufferBytes) 
     }
     start += walk.result;
   }
+}
+
+std::string Command(const std::string& command) {
+  std::string output;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return output;
+  char buffer[256];
+  while (fgets(buffer, sizeof(buffer), pipe) != nullptr) output += buffer;
+  pclose(pipe);
+  while (!output.empty() && output.back() == '\n') output.pop_back();
+  return output;
 }
 
 std::string ReadText(const std::string& path) {

@@ -48,6 +48,9 @@ struct UsedBlockWalk {
 };
 UsedBlockWalk WalkUsedBlocks(std::vector<uint8_t>& image, uint64_t bufferBytes);
 
+// What a shell command prints on standard output, without its trailing newlines.
+std::string Command(const std::string& command);
+
 // The whole content of a file ("" when it cannot be read).
 std::string ReadText(const std::string& path);
 
