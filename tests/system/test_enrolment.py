@@ -14,7 +14,7 @@ from cryptography.hazmat.primitives.asymmetric import padding
 from cryptography.x509.oid import NameOID
 
 import ca_server
-from agent import free_port
+from agent import free_port, wait_for
 
 IDENTITY = ("server.key", "server.pem", "ca.crt")
 
@@ -95,8 +95,17 @@ def assert_identity(agent, authority):
     return key
 
 
-def start_and_stop(agent):
+def start_serving(agent):
+    # The daemon writes its PID file just before it installs its signal handlers; the
+    # server's port line comes after them, so a SIGTERM from then on ends it in order.
+    port_lines = re.compile(r"Setting server port|Port configuration not set|Invalid port configuration")
+    before = len(port_lines.findall(agent.output()))
     agent.start()
+    wait_for(lambda: len(port_lines.findall(agent.output())) > before, what="the daemon to start its server")
+
+
+def start_and_stop(agent):
+    start_serving(agent)
     assert agent.stop() == 0
 
 
@@ -105,7 +114,7 @@ def test_first_start_enrols_and_later_starts_keep_the_identity(tmp_path, agent_r
     tls_min, tls_max, negotiated = tls
     with ca_server.CertificateAuthorityServer(state_dir=tmp_path / "ca", tls_min=tls_min, tls_max=tls_max) as ca:
         agent_root.env["ORVD_CA_URL"] = ca.url
-        agent_root.start()
+        start_serving(agent_root)
         assert "Certificate information not found, recreating certificate." in agent_root.output()
         assert agent_root.stop() == 0
         key = assert_identity(agent_root, ca.authority)
@@ -137,7 +146,7 @@ def test_reset_certificate_removes_the_identity_and_the_next_start_enrols_again(
     assert present(enrolling) == ["server.csr"]
     assert len(ca.requests) == 2
 
-    enrolling.start()
+    start_serving(enrolling)
     assert "Certificate information not found, recreating certificate." in enrolling.output()
     assert enrolling.stop() == 0
     assert len(ca.requests) == 4
@@ -148,7 +157,7 @@ def test_reset_certificate_removes_the_identity_and_the_next_start_enrols_again(
 def test_an_empty_identity_file_is_recreated(agent, authority, ca):
     agent.env["ORVD_CA_URL"] = ca.url
     open(cert_path(agent, "ca.crt"), "w").close()
-    agent.start()
+    start_serving(agent)
     assert "Certificate information is incomplete, recreating certificate." in agent.output()
     assert agent.stop() == 0
     assert_identity(agent, ca.authority)
