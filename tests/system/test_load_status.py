@@ -124,7 +124,7 @@ def test_pollers_during_back_to_back_full_backups(rig, loop_volumes, client_file
     timed_backup(rig, volume)
     quiet = [timed_backup(rig, volume)]
 
-    context = multiprocessing.get_context("fork")
+    context = multiprocessing.get_context("spawn")
     current = context.Array("c", 64)
     stop = context.Event()
     results = context.Queue()
