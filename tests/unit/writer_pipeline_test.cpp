@@ -149,7 +149,8 @@ class WritesInFlightTest : public WriterPipelineTest {
   }
 
   // Runs of 4 KiB to 512 KiB with gaps between them, as an incremental copy sends them.
-  void Start(size_t count, std::vector<size_t> lengths = {}) {
+  // A writer that will lose its session runs under LibiscsiSessionLossLeaks.
+  void Start(size_t count, std::vector<size_t> lengths = {}, bool losesSession = false) {
     int64_t position = 4096;
     uint64_t total = 0;
     for (size_t i = 0; i < count; ++i) {
@@ -164,8 +165,14 @@ class WritesInFlightTest : public WriterPipelineTest {
     ASSERT_EQ(writer_.Init(&queue_, device_.get(), kBackupId), 0);
     ASSERT_EQ(kill(tgtd_.Pid(), SIGSTOP), 0);
     paused_ = true;
-    ASSERT_EQ(pthread_create(&thread_, nullptr, &AsyncWriterThread::ThreadMain, &writer_), 0);
+    ASSERT_EQ(pthread_create(&thread_, nullptr, losesSession ? &LosingSession : &AsyncWriterThread::ThreadMain, &writer_),
+              0);
     started_ = true;
+  }
+
+  static void* LosingSession(void* writer) {
+    LibiscsiSessionLossLeaks expected;
+    return AsyncWriterThread::ThreadMain(writer);
   }
 
   // Waits until the writer holds `count` chunks and waits for the first answer.
@@ -250,7 +257,7 @@ TEST_F(WritesInFlightTest, WritesInFlightHoldAtMostOneFullChunk) {
 
 // The target dies under eight writes: the rows are those of one write sent on its own.
 TEST_F(WritesInFlightTest, ATargetThatDiesUnderManyWritesFailsAsUnderOne) {
-  ASSERT_NO_FATAL_FAILURE(Start(12));
+  ASSERT_NO_FATAL_FAILURE(Start(12, {}, true));
   ASSERT_TRUE(InFlight(AsyncWriterThread::kMostWritesAhead));
   paused_ = false;
   ASSERT_TRUE(tgtd_.Kill());
@@ -269,7 +276,7 @@ TEST_F(WritesInFlightTest, ATargetThatDiesUnderManyWritesFailsAsUnderOne) {
 // The target comes back: the writes lost with the session are sent again, in order, and
 // every chunk is reported once.
 TEST_F(WritesInFlightTest, WritesLostWithTheSessionAreSentAgainInOrder) {
-  ASSERT_NO_FATAL_FAILURE(Start(24));
+  ASSERT_NO_FATAL_FAILURE(Start(24, {}, true));
   ASSERT_TRUE(InFlight(AsyncWriterThread::kMostWritesAhead));
   paused_ = false;
   ASSERT_TRUE(tgtd_.Kill());
