@@ -24,15 +24,19 @@ class IscsiBlockDevice;
 // Errors reach the copier only through that text and the status document's error entries
 // (code 108).
 //
-// Several writes are on the wire at once (IscsiBlockDevice::WriteAhead), so that the
-// small runs of an incremental copy do not each wait a round trip; yet each chunk is
-// taken in queue order, its write's answer told as if the write had been sent at that
+// Two writes are on the wire at once (IscsiBlockDevice::WriteAhead), so that the target
+// takes in the next small run of an incremental copy while it writes one; yet each chunk
+// is taken in queue order, its write's answer told as if the write had been sent at that
 // moment, and only then reported. A chunk waits in the queue while the writes in flight
 // would pass kMostWritesAhead or kMostBytesAhead with it: a copy of full chunks has one
 // write in flight and holds no more chunks than with one write at a time.
+//
+// Two, measured on the 10% incremental copy against the tuned target on two cores: 0.26 s
+// with two in flight, 0.30-0.37 s with one, 0.33-0.35 s with three or four and 0.44-0.49 s
+// with eight, where tgtd's writers and the copy's own threads crowd the cores.
 class AsyncWriterThread {
  public:
-  static constexpr size_t kMostWritesAhead = 8;
+  static constexpr size_t kMostWritesAhead = 2;
   static constexpr int64_t kMostBytesAhead = static_cast<int64_t>(kChunkBytes);
 
   // volumeUuid names the volume record whose progress the writer advances; status may be
