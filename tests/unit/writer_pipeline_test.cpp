@@ -290,7 +290,9 @@ TEST_F(WritesInFlightTest, WritesLostWithTheSessionAreSentAgainInOrder) {
   std::vector<std::string> expected;
   for (const Run& run : runs_) expected.push_back(ProgressRow(run.transferValue));
   EXPECT_EQ(progress, expected);
-  EXPECT_EQ(LoggedMessages("Failed during iscsi write command.").size(), 1u);
+  // Only the first write's failure is told (none when libiscsi's own single attempt to
+  // log in again found the target already back); the others are sent again silently.
+  EXPECT_LE(LoggedMessages("Failed during iscsi write command.").size(), 1u);
   EXPECT_EQ(status_.errorCode(), 0);
 }
 
