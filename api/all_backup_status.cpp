@@ -1,5 +1,7 @@
 #include "api/all_backup_status.h"
 
+#include <cstdio>
+
 #include "daemon/logger.h"
 
 namespace orv {
@@ -117,6 +119,17 @@ bool AllBackupStatus::setVolumeType(const std::string& uuid, const std::string& 
   return true;
 }
 
+namespace {
+
+std::string BytesTransferredRow(const std::string& uuid, uint64_t bytes) {
+  char text[1024];
+  snprintf(text, sizeof(text), "Set backup of volume %s 'BYTES TRANSFERRED' to %lu bytes.", uuid.c_str(),
+           static_cast<unsigned long>(bytes));
+  return text;
+}
+
+}  // namespace
+
 bool AllBackupStatus::setBytesTransferred(const std::string& uuid, uint64_t bytes) {
   VolumeRecord* record;
   {
@@ -130,14 +143,37 @@ bool AllBackupStatus::setBytesTransferred(const std::string& uuid, uint64_t byte
   // Set once a chunk: the row is stored before the volume lock is taken, so that a status
   // document being rendered never waits for it to reach the database, and the row still
   // comes before the figure shows.
-  LogEvent(kDebug, backupId_, "Set backup of volume %s 'BYTES TRANSFERRED' to %lu bytes.", uuid.c_str(),
-           static_cast<unsigned long>(bytes));
+  LogEvent(kDebug, backupId_, "%s", BytesTransferredRow(uuid, bytes).c_str());
   MutexLock volume(volumeLock_);
   if (!volume.locked()) {
     LogEvent(kError, backupId_, "Could not set backup volume bytes transferred status.");
     return false;
   }
   record->bytesTransferred = bytes;
+  return true;
+}
+
+bool AllBackupStatus::setBytesTransferred(const std::string& uuid, const std::vector<uint64_t>& figures) {
+  if (figures.empty()) return true;
+  VolumeRecord* record;
+  {
+    MutexLock list(listLock_);
+    if (!list.locked()) {
+      LogEvent(kError, backupId_, "Could not set backup volume bytes transferred status.");
+      return false;
+    }
+    record = findLocked(uuid);
+  }
+  std::vector<std::string> rows;
+  rows.reserve(figures.size());
+  for (uint64_t bytes : figures) rows.push_back(BytesTransferredRow(uuid, bytes));
+  LogEvents(kDebug, backupId_, rows);
+  MutexLock volume(volumeLock_);
+  if (!volume.locked()) {
+    LogEvent(kError, backupId_, "Could not set backup volume bytes transferred status.");
+    return false;
+  }
+  record->bytesTransferred = figures.back();
   return true;
 }
 

@@ -49,6 +49,9 @@ class AllBackupStatus {
   bool setVolumeStatus(const std::string& uuid, const std::string& status);
   bool setVolumeType(const std::string& uuid, const std::string& type);
   bool setBytesTransferred(const std::string& uuid, uint64_t bytes);
+  // The figures of several chunks written in turn: each one's row as the setter above
+  // stores it, all on one database connection, then the figure set to the last.
+  bool setBytesTransferred(const std::string& uuid, const std::vector<uint64_t>& figures);
   bool setTotalSize(const std::string& uuid, int64_t bytes);
   bool setError(const std::string& message, int code, const std::vector<std::string>& params = {});
 

@@ -137,6 +137,30 @@ void LogEvent(int level, const std::string& backupId, const char* format, ...) {
   PruneLogs();
 }
 
+void LogEvents(int level, const std::string& backupId, const std::vector<std::string>& texts) {
+  // Each row as LogEvent's buffer would hold it: at most 1023 bytes, none empty.
+  std::vector<std::string> rows;
+  for (const std::string& text : texts) {
+    if (!text.empty()) rows.push_back(text.substr(0, 1023));
+  }
+  if (rows.empty()) return;
+  {
+    SinkLock lock(&databaseLogLock);
+    if (!lock.locked()) return;
+    size_t stored = insert_logs(level, backupId, rows);
+    // The rows after a failed one are each tried again, as separate events would be.
+    for (size_t i = stored; i < rows.size(); ++i) {
+      if (i > stored && insert_log(level, backupId, rows[i])) continue;
+      LogSyslog(kError, "Could not write to database log - BackupId: %s Msg: %s", backupId.c_str(), rows[i].c_str());
+    }
+  }
+  for (const std::string& row : rows) {
+    if (LogSettings::syslog) LogSyslog(level, "%s", row.c_str());
+    LogDisplay(level, "%s", row.c_str());
+  }
+  PruneLogs();
+}
+
 void SetSyslogLevel(int level) {
   switch (level) {
     case 0:

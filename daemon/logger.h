@@ -32,6 +32,11 @@ void LogSyslog(int level, const char* format, ...) __attribute__((format(printf,
 // The usual way to log: the database first, then syslog (with -s) and the display.
 void LogEvent(int level, const std::string& backupId, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
+// LogEvent for texts already formatted, of one level and backup id: each stored, sent
+// and shown as LogEvent does it, in order, but the rows stored on one database
+// connection and pruned after them once. Meant for the copies' progress rows, which
+// come hundreds a second and would each pay a session of their own and the prune's.
+void LogEvents(int level, const std::string& backupId, const std::vector<std::string>& texts);
 void SetSyslogLevel(int level);
 void PruneLogs();
 // Rows for the logs resource; false when the read failed.

@@ -175,32 +175,41 @@ LogAges logAges;
 }  // namespace
 
 bool insert_log(int level, const std::string& backupId, const std::string& message) {
+  return insert_logs(level, backupId, {message}) == 1;
+}
+
+size_t insert_logs(int level, const std::string& backupId, const std::vector<std::string>& messages) {
   DatabaseSession session;
-  if (!session.ok()) return false;
+  if (!session.ok()) return 0;
   sqlite3* db = session.db();
   RelaxLogSync(db);
   Statement insert;
   if (!insert.prepare(db,
                       "INSERT INTO logs ( backup_id, level, message, datetm ) VALUES( ?, ?, ?, datetime( CURRENT_TIMESTAMP, 'localtime' ) );")) {
     StoreLog(kError, "Could not prepare insert log statement. %s", sqlite3_errmsg(db));
-    return false;
+    return 0;
   }
-  if (backupId.empty()) {
-    insert.bindNull(1);
-  } else {
-    insert.bindText(1, backupId);
+  size_t stored = 0;
+  for (const std::string& message : messages) {
+    sqlite3_reset(insert.get());
+    if (backupId.empty()) {
+      insert.bindNull(1);
+    } else {
+      insert.bindText(1, backupId);
+    }
+    insert.bindInt(2, level);
+    insert.bindText(3, message);
+    if (insert.step() != SQLITE_DONE) {
+      StoreLog(kError, "Could not perform insert log statement. %s", sqlite3_errmsg(db));
+      insert.finalize();
+      StoreLog(kError, "Sqlite error: %s", sqlite3_errmsg(db));
+      logAges.forget();
+      return stored;
+    }
+    logAges.noteInsert(db, sqlite3_last_insert_rowid(db));
+    ++stored;
   }
-  insert.bindInt(2, level);
-  insert.bindText(3, message);
-  if (insert.step() != SQLITE_DONE) {
-    StoreLog(kError, "Could not perform insert log statement. %s", sqlite3_errmsg(db));
-    insert.finalize();
-    StoreLog(kError, "Sqlite error: %s", sqlite3_errmsg(db));
-    logAges.forget();
-    return false;
-  }
-  logAges.noteInsert(db, sqlite3_last_insert_rowid(db));
-  return true;
+  return stored;
 }
 
 bool delete_logs_before(int32_t cutoff) {

@@ -1,6 +1,7 @@
 #ifndef ORV_STORE_LOG_TABLE_H_
 #define ORV_STORE_LOG_TABLE_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -17,6 +18,10 @@ struct LogRow {
 };
 
 bool insert_log(int level, const std::string& backupId, const std::string& message);
+// Stores `messages` in order as rows of one level and backup id, each as insert_log
+// stores it, on one connection instead of one each; the number stored before the first
+// failure (which is logged as insert_log logs it).
+size_t insert_logs(int level, const std::string& backupId, const std::vector<std::string>& messages);
 bool delete_logs_before(int32_t cutoff);
 // The log-list query: rows at or above `level`, optionally of one backup and not
 // older than `after`, at most `limit` rows when limit >= 1.

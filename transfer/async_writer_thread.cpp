@@ -62,27 +62,84 @@ void AsyncWriterThread::Run() {
     }
   } hook(device_, &reporter_);
   for (;;) {
+    // Whatever is in flight goes on the wire, in queue order: a new chunk, or those whose
+    // writes were lost with a session. One that cannot go ahead (past the LUN's end, say)
+    // is written in its turn, after the chunks before it and with none after it on the
+    // wire, and fails or is cut there as it always was.
+    int result = SendInFlight() ? 0 : WriteInFlight();
     queueitem* popped = nullptr;
-    int result = queue_->Pop(popped);
+    int popResult = 0;
+    if (result == 0 && inFlight_.empty()) {
+      popResult = queue_->Pop(popped);
+    } else if (result == 0) {
+      popResult = queue_->TryPop(popped, [this](const queueitem* next) { return next == nullptr || Fits(*next); });
+      if (popResult == EAGAIN) {
+        // Nothing may go beside the writes in flight: the oldest is written first.
+        result = WriteOldest();
+        if (result == 0) continue;
+      } else if (popResult != 0 || popped == nullptr) {
+        // The chunks popped before are written first, as they would have been had each
+        // been written when it came.
+        result = WriteInFlight();
+      }
+    }
     if (result != 0) {
+      ForgetInFlight();
+      Fail("Error performing iscsi target write: ", result);
+      return;
+    }
+    if (popResult != 0) {
       reporter_.Drain();
-      Fail("Error pulling item from queue, error: ", result);
+      Fail("Error pulling item from queue, error: ", popResult);
       return;
     }
     if (popped == nullptr) {
       reporter_.Drain();
       return;
     }
-    // Every popped chunk is freed here, written or not.
-    std::unique_ptr<queueitem> item(popped);
+    // Every popped chunk is freed, written or not: by the last of the writer and the
+    // device to let it go.
+    std::shared_ptr<queueitem> item(popped);
     LogDisplay(kDebug, "read from queue writepos %ld writelen %ld", static_cast<long>(item->writePosition),
                static_cast<long>(item->writeLength));
-    result = WriteItem(*item);
-    if (result != 0) {
-      Fail("Error performing iscsi target write: ", result);
-      return;
+    bytesInFlight_ += item->writeLength;
+    inFlight_.push_back(std::move(item));
+  }
+}
+
+bool AsyncWriterThread::SendInFlight() {
+  for (const std::shared_ptr<queueitem>& item : inFlight_) {
+    if (device_ == nullptr ||
+        !device_->WriteAhead(item->buffer, static_cast<size_t>(item->writeLength), item->writePosition, item)) {
+      return false;
     }
   }
+  return true;
+}
+
+bool AsyncWriterThread::Fits(const queueitem& next) const {
+  return inFlight_.size() < kMostWritesAhead && bytesInFlight_ + next.writeLength <= kMostBytesAhead;
+}
+
+int AsyncWriterThread::WriteOldest() {
+  std::shared_ptr<queueitem> item = std::move(inFlight_.front());
+  inFlight_.pop_front();
+  bytesInFlight_ -= item->writeLength;
+  return WriteItem(*item);
+}
+
+int AsyncWriterThread::WriteInFlight() {
+  while (!inFlight_.empty()) {
+    int result = WriteOldest();
+    if (result != 0) return result;
+  }
+  return 0;
+}
+
+void AsyncWriterThread::ForgetInFlight() {
+  if (device_ != nullptr && !inFlight_.empty()) device_->DropWritesAhead();
+  inFlight_.clear();
+  bytesInFlight_ = 0;
 }
 
 int AsyncWriterThread::WriteItem(const queueitem& item) {
@@ -132,6 +189,7 @@ void AsyncWriterThread::Stop(pthread_t& thread) {
     pthread_cancel(thread);
   }
   pthread_join(thread, nullptr);
+  ForgetInFlight();
   reporter_.Finish();
   thread = pthread_t();
 }

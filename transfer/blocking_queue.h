@@ -85,12 +85,18 @@ class BlockingQueue {
       int waited = pthread_cond_timedwait(&notEmpty_, &lock_, &deadline);
       if (waited != 0 && waited != ETIMEDOUT) return waited;
     }
-    size_t count = items_.size();
-    item = items_.front();
-    items_.pop_front();
-    // Markers may take the queue beyond its capacity; a producer waits for room as soon
-    // as it reaches capacity, so any pop from there on may make room for it.
-    if (count >= capacity_) pthread_cond_broadcast(&notFull_);
+    TakeFront(item);
+    return 0;
+  }
+
+  // Pop without waiting, and only an item that `accept` (called with the front pointer
+  // under the lock) takes: EAGAIN when the queue is empty or the front is refused.
+  template <typename Accept>
+  int TryPop(T*& item, Accept accept) {
+    if (!initialised_) return EINVAL;
+    Lock hold(&lock_);
+    if (items_.empty() || !accept(static_cast<const T*>(items_.front()))) return EAGAIN;
+    TakeFront(item);
     return 0;
   }
 
@@ -127,6 +133,16 @@ class BlockingQueue {
    private:
     pthread_mutex_t* mutex_;
   };
+
+  // Under the lock, with an item queued.
+  void TakeFront(T*& item) {
+    size_t count = items_.size();
+    item = items_.front();
+    items_.pop_front();
+    // Markers may take the queue beyond its capacity; a producer waits for room as soon
+    // as it reaches capacity, so any pop from there on may make room for it.
+    if (count >= capacity_) pthread_cond_broadcast(&notFull_);
+  }
 
   // Condition deadlines are on the realtime clock, the default of pthread conditions.
   static struct timespec OneSecondFromNow() {

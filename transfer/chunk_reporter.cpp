@@ -23,19 +23,26 @@ void ChunkReporter::Start() {
 
 void ChunkReporter::Report(const WrittenChunk& chunk) {
   if (!thread_.joinable()) {
-    Tell(volumeUuid_, status_, chunk);
+    TellAll(volumeUuid_, status_, {chunk});
     return;
   }
   std::unique_lock<std::mutex> hold(lock_);
   changed_.wait(hold, [&] { return pending_.size() < kMostBehind && pendingBytes_ < kMostBytesBehind; });
   pending_.push_back(chunk);
   pendingBytes_ += chunk.writeLength;
-  changed_.notify_all();
+  // The thread waits for a first chunk, then gathers until a batch is full or the writer
+  // would soon have to wait: only those wake it.
+  if (pending_.size() == 1 || pending_.size() >= kMostTold || pendingBytes_ >= kMostBytesBehind) {
+    changed_.notify_all();
+  }
 }
 
 void ChunkReporter::Drain() {
   std::unique_lock<std::mutex> hold(lock_);
+  ++draining_;
+  changed_.notify_all();
   changed_.wait(hold, [&] { return pending_.empty() && !telling_; });
+  --draining_;
 }
 
 void ChunkReporter::Finish() {
@@ -50,24 +57,38 @@ void ChunkReporter::Finish() {
   finish_ = false;
 }
 
-void ChunkReporter::Tell(const std::string& volumeUuid, AllBackupStatus* status, const WrittenChunk& chunk) {
-  if (chunk.updateProgress && status != nullptr) status->setBytesTransferred(volumeUuid, chunk.transferValue);
-  LogDisplay(kDebug, "Wrote data chunk (write offset: %llu - length: %llu)  transfer value: %llu",
-             static_cast<unsigned long long>(chunk.writePosition), static_cast<unsigned long long>(chunk.writeLength),
-             static_cast<unsigned long long>(chunk.transferValue));
+void ChunkReporter::TellAll(const std::string& volumeUuid, AllBackupStatus* status,
+                            const std::vector<WrittenChunk>& chunks) {
+  std::vector<uint64_t> figures;
+  for (const WrittenChunk& chunk : chunks) {
+    if (chunk.updateProgress) figures.push_back(chunk.transferValue);
+  }
+  if (status != nullptr) status->setBytesTransferred(volumeUuid, figures);
+  for (const WrittenChunk& chunk : chunks) {
+    LogDisplay(kDebug, "Wrote data chunk (write offset: %llu - length: %llu)  transfer value: %llu",
+               static_cast<unsigned long long>(chunk.writePosition), static_cast<unsigned long long>(chunk.writeLength),
+               static_cast<unsigned long long>(chunk.transferValue));
+  }
 }
 
 void ChunkReporter::Run() {
   std::unique_lock<std::mutex> hold(lock_);
+  std::vector<WrittenChunk> batch;
   for (;;) {
     changed_.wait(hold, [&] { return finish_ || !pending_.empty(); });
     if (pending_.empty()) return;  // finishing, and everything told
-    WrittenChunk chunk = pending_.front();
-    pending_.pop_front();
-    pendingBytes_ -= chunk.writeLength;
+    changed_.wait_for(hold, kGather, [&] {
+      return finish_ || draining_ > 0 || pending_.size() >= kMostTold || pendingBytes_ >= kMostBytesBehind;
+    });
+    batch.clear();
+    while (!pending_.empty() && batch.size() < kMostTold) {
+      batch.push_back(pending_.front());
+      pending_.pop_front();
+      pendingBytes_ -= batch.back().writeLength;
+    }
     telling_ = true;
     hold.unlock();
-    Tell(volumeUuid_, status_, chunk);
+    TellAll(volumeUuid_, status_, batch);
     hold.lock();
     telling_ = false;
     changed_.notify_all();

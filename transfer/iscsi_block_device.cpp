@@ -40,20 +40,29 @@ constexpr int kServicePollMs = 1000;
 
 }  // namespace
 
-// A read sent ahead: where it reads, into what, and what the target answered. libiscsi
-// keeps a pointer to `iov` and to the record itself until it answers.
-struct IscsiBlockDevice::ReadAheadCommand {
+// A SCSI command on the wire, sent ahead or awaited at once: where it goes, its buffer,
+// and what the target answered. libiscsi keeps pointers to `iov` and to the record itself
+// (its callback's data) until it answers, or until its context is destroyed, when it
+// cancels the command through the same callback. A record whose session failed under it
+// is therefore kept until then. libiscsi's synchronous calls keep that state in their
+// own stack frame, which the destruction of the context would later write into.
+struct IscsiBlockDevice::Command {
   unsigned char* buffer = nullptr;
   uint64_t lba = 0;
   uint64_t bytes = 0;
   scsi_iovec iov{};
+  std::shared_ptr<const void> owner;  // a write's buffer, held while libiscsi may send from it
   TaskPtr task;
   bool answered = false;
   int status = SCSI_STATUS_ERROR;
   bool lost = false;  // its session failed while no one was waiting for it
 
+  bool Overlaps(uint64_t start, uint64_t end, uint64_t blockSize) const {
+    return lba < end && start < lba + bytes / blockSize;
+  }
+
   static void Answered(iscsi_context*, int status, void*, void* self) {
-    auto* command = static_cast<ReadAheadCommand*>(self);
+    auto* command = static_cast<Command*>(self);
     command->answered = true;
     command->status = status;
   }
@@ -90,7 +99,7 @@ bool IscsiBlockDevice::FailConnect(const char* format, ...) {
   vsnprintf(text, sizeof(text), format, args);
   va_end(args);
   Event(text);
-  context_.reset();
+  DropContext();
   return false;
 }
 
@@ -138,11 +147,13 @@ bool IscsiBlockDevice::Connect() {
   fd_ = iscsi_get_fd(context);
   if (fd_ > kHighestSocketFd) {
     Event("Iscsi socket error - too many files open.");
-    if (iscsi_is_logged_in(context)) iscsi_logout_sync(context);
-    context_.reset();
+    Logout();
+    DropContext();
     return false;
   }
-  TaskPtr task(iscsi_readcapacity16_sync(context, lun_));
+  auto command = std::make_unique<Command>();
+  command->task.reset(iscsi_readcapacity16_task(context, lun_, &Command::Answered, command.get()));
+  TaskPtr task = Complete(std::move(command));
   if (!TaskGood(task.get())) {
     return FailConnect("Failed during iscsi read capacity command.");
   }
@@ -168,21 +179,46 @@ bool IscsiBlockDevice::Disconnect() {
   MutexLock hold(lock_);
   if (!context_) return false;
   if (!broken_) DropReadsAhead();
+  if (!broken_) DropWritesAhead();
   if (!broken_) ProbeRead();
   // A session that no longer answers would hold the logout until the command timeout.
-  if (!broken_ && iscsi_is_logged_in(context_.get())) iscsi_logout_sync(context_.get());
-  LoseReadsAhead();
+  if (!broken_) Logout();
+  DropContext();
+  return true;
+}
+
+void IscsiBlockDevice::Logout() {
+  if (!iscsi_is_logged_in(context_.get())) return;
+  auto logout = std::make_unique<Command>();
+  if (iscsi_logout_async(context_.get(), &Command::Answered, logout.get()) != 0) return;
+  if (!Await(*logout)) lostCommands_.push_back(std::move(logout));
+}
+
+void IscsiBlockDevice::DropContext() {
+  LoseCommandsAhead();
   context_.reset();
   // Only now that libiscsi has let go of them.
-  lostReads_.clear();
-  return true;
+  lostCommands_.clear();
+}
+
+IscsiBlockDevice::TaskPtr IscsiBlockDevice::Complete(std::unique_ptr<Command> command) {
+  // libiscsi frees the task itself when it cannot send it.
+  if (!command->task) return nullptr;
+  if (!Await(*command)) {
+    lostCommands_.push_back(std::move(command));
+    return nullptr;
+  }
+  return std::move(command->task);
 }
 
 void IscsiBlockDevice::ProbeRead() {
   MutexLock hold(lock_);
   if (!context_) return;
-  TaskPtr task(iscsi_read16_sync(context_.get(), lun_, 0, static_cast<uint32_t>(blockSize_),
-                                 static_cast<int>(blockSize_), 0, 0, 0, 0, 0));
+  auto command = std::make_unique<Command>();
+  command->task.reset(iscsi_read16_task(context_.get(), lun_, 0, static_cast<uint32_t>(blockSize_),
+                                        static_cast<int>(blockSize_), 0, 0, 0, 0, 0, &Command::Answered,
+                                        command.get()));
+  TaskPtr task = Complete(std::move(command));
   if (!TaskGood(task.get())) broken_ = true;
 }
 
@@ -210,12 +246,16 @@ int64_t IscsiBlockDevice::Read(void* buffer, size_t length, bool& retryFlag) {
     return -1;
   }
   uint64_t requested = blocks * blockSize_;
+  // The target may run the commands of a session in any order: writes ahead of these
+  // blocks must have their answers before they are read. A session that failed meanwhile
+  // fails this read, as it would have failed the read itself.
+  bool session = AwaitWritesAhead(lba, lba + blocks);
   // A read of whole blocks lands straight in the caller's buffer; only a read that starts
   // or ends inside a block goes through libiscsi's own buffer and a copy.
   bool direct = offsetInBlock == 0 && length == requested;
-  ReadAheadCommand* ahead = nullptr;
+  Command* ahead = nullptr;
   if (!readsAhead_.empty()) {
-    ReadAheadCommand& front = *readsAhead_.front();
+    Command& front = *readsAhead_.front();
     if (direct && front.buffer == buffer && front.lba == lba && front.bytes == requested) {
       ahead = &front;
     } else {
@@ -224,19 +264,27 @@ int64_t IscsiBlockDevice::Read(void* buffer, size_t length, bool& retryFlag) {
   }
   busy_ = true;
   TaskPtr task;
-  if (ahead != nullptr) {
+  if (!session) {
+    // No task: the read fails as on a session lost under it.
+  } else if (ahead != nullptr) {
     // A session that fails before the answer gives no task, as a synchronous read would.
-    if (AwaitReadAhead(*ahead)) {
+    if (Await(*ahead)) {
       if (ahead->status == SCSI_STATUS_GOOD) task = std::move(ahead->task);
       readsAhead_.pop_front();
     }
-  } else if (direct) {
-    scsi_iovec iov{buffer, static_cast<size_t>(requested)};
-    task.reset(iscsi_read16_iov_sync(context_.get(), lun_, lba, static_cast<uint32_t>(requested),
-                                     static_cast<int>(blockSize_), 0, 0, 0, 0, 0, &iov, 1));
   } else {
-    task.reset(iscsi_read16_sync(context_.get(), lun_, lba, static_cast<uint32_t>(requested),
-                                 static_cast<int>(blockSize_), 0, 0, 0, 0, 0));
+    auto command = std::make_unique<Command>();
+    if (direct) {
+      command->iov = scsi_iovec{buffer, static_cast<size_t>(requested)};
+      command->task.reset(iscsi_read16_iov_task(context_.get(), lun_, lba, static_cast<uint32_t>(requested),
+                                                static_cast<int>(blockSize_), 0, 0, 0, 0, 0, &Command::Answered,
+                                                command.get(), &command->iov, 1));
+    } else {
+      command->task.reset(iscsi_read16_task(context_.get(), lun_, lba, static_cast<uint32_t>(requested),
+                                            static_cast<int>(blockSize_), 0, 0, 0, 0, 0, &Command::Answered,
+                                            command.get()));
+    }
+    task = Complete(std::move(command));
   }
   busy_ = false;
   if (!TaskGood(task.get())) {
@@ -291,20 +339,43 @@ int64_t IscsiBlockDevice::Write(const void* buffer, size_t length, bool& retryFl
     errno = EINVAL;
     return -1;
   }
-  // The target may run the commands of a session in any order: a read ahead of these
-  // blocks must have its answer before they change.
   uint64_t end = lba + length / blockSize_;
-  for (const auto& command : readsAhead_) {
-    if (command->lba < end && lba < command->lba + command->bytes / blockSize_) {
-      DropReadsAhead();
-      break;
+  auto ahead = writesAhead_.begin();
+  while (ahead != writesAhead_.end() &&
+         ((*ahead)->buffer != buffer || (*ahead)->lba != lba || (*ahead)->bytes != length)) {
+    ++ahead;
+  }
+  TaskPtr task;
+  if (ahead != writesAhead_.end()) {
+    busy_ = true;
+    // A session that fails before the answer gives no task, as a synchronous write would.
+    if (Await(**ahead)) {
+      if ((*ahead)->status == SCSI_STATUS_GOOD) task = std::move((*ahead)->task);
+      writesAhead_.erase(ahead);
+    }
+    busy_ = false;
+  } else {
+    // The target may run the commands of a session in any order: commands ahead over
+    // these blocks must have their answers before they change. A session that failed
+    // meanwhile fails this write, as it would have failed the write itself.
+    for (const auto& command : readsAhead_) {
+      if (command->Overlaps(lba, end, blockSize_)) {
+        DropReadsAhead();
+        break;
+      }
+    }
+    if (AwaitWritesAhead(lba, end)) {
+      busy_ = true;
+      auto command = std::make_unique<Command>();
+      // libiscsi sends straight from the caller's buffer; it does not write to it.
+      command->task.reset(iscsi_write16_task(context_.get(), lun_, lba,
+                                             static_cast<unsigned char*>(const_cast<void*>(buffer)),
+                                             static_cast<uint32_t>(length), static_cast<int>(blockSize_), 0, 0, 0, 0, 0,
+                                             &Command::Answered, command.get()));
+      task = Complete(std::move(command));
+      busy_ = false;
     }
   }
-  busy_ = true;
-  // libiscsi sends straight from the caller's buffer; it does not write to it.
-  TaskPtr task(iscsi_write16_sync(context_.get(), lun_, lba, static_cast<unsigned char*>(const_cast<void*>(buffer)),
-                                  static_cast<uint32_t>(length), static_cast<int>(blockSize_), 0, 0, 0, 0, 0));
-  busy_ = false;
   if (!TaskGood(task.get())) {
     Event("Failed during iscsi write command.");
     errno = EIO;
@@ -369,13 +440,17 @@ bool IscsiBlockDevice::ReadAhead(void* buffer, size_t length, int64_t offset) {
   if (start % blockSize_ != 0 || length % blockSize_ != 0 || length > kMaxCommandBytes) return false;
   uint64_t lba = start / blockSize_;
   if (lba >= blockCount_ || length / blockSize_ > blockCount_ - lba) return false;
-  auto command = std::make_unique<ReadAheadCommand>();
+  // The target might read these blocks before it writes them.
+  for (const auto& write : writesAhead_) {
+    if (write->Overlaps(lba, lba + length / blockSize_, blockSize_)) return false;
+  }
+  auto command = std::make_unique<Command>();
   command->buffer = static_cast<unsigned char*>(buffer);
   command->lba = lba;
   command->bytes = length;
   command->iov = scsi_iovec{buffer, length};
   command->task.reset(iscsi_read16_iov_task(context_.get(), lun_, lba, static_cast<uint32_t>(length),
-                                            static_cast<int>(blockSize_), 0, 0, 0, 0, 0, &ReadAheadCommand::Answered,
+                                            static_cast<int>(blockSize_), 0, 0, 0, 0, 0, &Command::Answered,
                                             command.get(), &command->iov, 1));
   // libiscsi frees the task itself when it cannot send it.
   if (!command->task) return false;
@@ -383,11 +458,51 @@ bool IscsiBlockDevice::ReadAhead(void* buffer, size_t length, int64_t offset) {
   return true;
 }
 
-bool IscsiBlockDevice::AwaitReadAhead(ReadAheadCommand& command) {
+bool IscsiBlockDevice::WriteAhead(const void* buffer, size_t length, int64_t offset,
+                                  std::shared_ptr<const void> owner) {
+  MutexLock hold(lock_);
+  if (!context_ || broken_ || busy_ || offset < 0 || length == 0) return false;
+  uint64_t start = static_cast<uint64_t>(offset);
+  if (start % blockSize_ != 0 || length % blockSize_ != 0 || length > kMaxCommandBytes) return false;
+  uint64_t lba = start / blockSize_;
+  if (lba >= blockCount_ || length / blockSize_ > blockCount_ - lba) return false;
+  uint64_t end = lba + length / blockSize_;
+  for (const auto& write : writesAhead_) {
+    // The same write, still on the wire (or answered and not yet taken).
+    if (write->buffer == buffer && write->lba == lba && write->bytes == length) return true;
+    // Nothing more goes on a session that failed under the commands ahead.
+    if (write->lost || write->Overlaps(lba, end, blockSize_)) return false;
+  }
+  for (const auto& read : readsAhead_) {
+    if (read->lost) return false;
+    if (read->Overlaps(lba, end, blockSize_)) {
+      DropReadsAhead();
+      if (!readsAhead_.empty() || broken_) return false;
+      break;
+    }
+  }
+  auto command = std::make_unique<Command>();
+  command->buffer = static_cast<unsigned char*>(const_cast<void*>(buffer));
+  command->lba = lba;
+  command->bytes = length;
+  command->owner = std::move(owner);
+  // libiscsi sends straight from the buffer; it does not write to it.
+  command->task.reset(iscsi_write16_task(context_.get(), lun_, lba, command->buffer, static_cast<uint32_t>(length),
+                                         static_cast<int>(blockSize_), 0, 0, 0, 0, 0, &Command::Answered,
+                                         command.get()));
+  // libiscsi frees the task itself when it cannot send it.
+  if (!command->task) return false;
+  writesAhead_.push_back(std::move(command));
+  // libiscsi only queues the command: start sending it now.
+  ServiceAhead();
+  return true;
+}
+
+bool IscsiBlockDevice::Await(Command& command) {
   while (!command.answered) {
     pollfd socket{iscsi_get_fd(context_.get()), 0, 0};
     if (command.lost || socket.fd < 0) {
-      LoseReadsAhead();
+      LoseCommandsAhead();
       return false;
     }
     socket.events = static_cast<short>(iscsi_which_events(context_.get()));
@@ -400,39 +515,63 @@ bool IscsiBlockDevice::AwaitReadAhead(ReadAheadCommand& command) {
     int ready = poll(&socket, 1, kServicePollMs);
     if (ready < 0 && errno == EINTR) continue;
     if (ready < 0 || iscsi_service(context_.get(), ready == 0 ? 0 : socket.revents) < 0) {
-      LoseReadsAhead();
+      LoseCommandsAhead();
       return false;
     }
   }
   return true;
 }
 
-void IscsiBlockDevice::ServiceReadsAhead() {
-  MutexLock hold(lock_);
-  if (!context_ || busy_ || readsAhead_.empty()) return;
+void IscsiBlockDevice::ServiceAhead() {
   pollfd socket{iscsi_get_fd(context_.get()), 0, 0};
   if (socket.fd < 0) return;
   socket.events = static_cast<short>(iscsi_which_events(context_.get()));
   if (socket.events == 0) return;
   if (poll(&socket, 1, 0) <= 0 || iscsi_service(context_.get(), socket.revents) >= 0) return;
-  // Left for the Read that takes the answer to find and tell, as if it had failed there.
+  // Left for the Read or Write that takes the answer to find and tell, as if it had
+  // failed there.
   for (const auto& command : readsAhead_) command->lost = true;
+  for (const auto& command : writesAhead_) command->lost = true;
+}
+
+void IscsiBlockDevice::ServiceReadsAhead() {
+  MutexLock hold(lock_);
+  if (!context_ || busy_ || (readsAhead_.empty() && writesAhead_.empty())) return;
+  ServiceAhead();
+}
+
+bool IscsiBlockDevice::AwaitWritesAhead(uint64_t lba, uint64_t end) {
+  for (size_t i = 0; i < writesAhead_.size(); ++i) {
+    Command& command = *writesAhead_[i];
+    if (command.Overlaps(lba, end, blockSize_) && !Await(command)) return false;
+  }
+  return true;
 }
 
 void IscsiBlockDevice::DropReadsAhead() {
   MutexLock hold(lock_);
   while (!readsAhead_.empty()) {
-    if (!AwaitReadAhead(*readsAhead_.front())) return;
+    if (!Await(*readsAhead_.front())) return;
     readsAhead_.pop_front();
   }
 }
 
-void IscsiBlockDevice::LoseReadsAhead() {
+void IscsiBlockDevice::DropWritesAhead() {
+  MutexLock hold(lock_);
+  while (!writesAhead_.empty()) {
+    if (!Await(*writesAhead_.front())) return;
+    writesAhead_.pop_front();
+  }
+}
+
+void IscsiBlockDevice::LoseCommandsAhead() {
   // A session that lost its answers is failed, as when a command of its own fails.
-  if (!readsAhead_.empty()) broken_ = true;
-  while (!readsAhead_.empty()) {
-    lostReads_.push_back(std::move(readsAhead_.front()));
-    readsAhead_.pop_front();
+  if (!readsAhead_.empty() || !writesAhead_.empty()) broken_ = true;
+  for (Commands* commands : {&readsAhead_, &writesAhead_}) {
+    while (!commands->empty()) {
+      lostCommands_.push_back(std::move(commands->front()));
+      commands->pop_front();
+    }
   }
 }
 

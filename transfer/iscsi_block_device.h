@@ -25,9 +25,11 @@ struct IscsiTarget {
 };
 
 // One LUN of an iSCSI target seen as a seekable block device: a byte position, Read and
-// Write that advance it, Seek and a size. All traffic goes through libiscsi's
-// synchronous calls. A lost session is mended by ReadRetry/WriteRetry, which log in
-// again and repeat the command at the same byte position.
+// Write that advance it, Seek and a size. The login goes through libiscsi's synchronous
+// call; every other command is sent as a task and awaited on the calling thread,
+// or sent ahead and awaited by the Read or Write that comes to them. A lost session is
+// mended by ReadRetry/WriteRetry, which log in again and repeat the command at the same
+// byte position.
 //
 // Failures return -1 with errno (EBUSY, EINVAL, ENOSPC, EIO, ENOTCONN) and are logged
 // with an empty backup id; nothing throws.
@@ -67,9 +69,29 @@ class IscsiBlockDevice {
   bool ReadAhead(void* buffer, size_t length, int64_t offset);
   // Waits for every read sent ahead and forgets it; nothing of them is logged.
   void DropReadsAhead();
-  // Takes in, without waiting, whatever the target has sent for the reads ahead, so that
-  // the target is not held up by a full socket while the caller works.
+  // Takes in, without waiting, whatever the target has sent for the commands ahead (and
+  // sends what is left of them), so that the target is not held up by a full socket
+  // while the caller works.
   void ServiceReadsAhead();
+
+  // Sends a write of `length` bytes from `buffer` at byte `offset` on the same session
+  // without waiting for its answer, so that the target works on several writes at once.
+  // The Write that later comes to that position, for that length from that buffer, takes
+  // its answer instead of sending a command of its own, and only then tells what it was:
+  // a failure is logged and retried there, as if the write had been sent at that moment.
+  // A write ahead whose session is dropped before its Write came is forgotten, and that
+  // Write sends it again on the new session. The target may run a session's commands in
+  // any order, so nothing overlapping a write ahead is sent before its answer: a write
+  // ahead over the blocks of another is refused, and reads of its blocks wait for it.
+  // Only whole blocks within the LUN are written ahead: false when this write is not one
+  // (or cannot be sent), and the later Write sends its own. True at once for a write
+  // that is ahead already. `owner` keeps the buffer: the device holds it until libiscsi
+  // has let go of the buffer.
+  bool WriteAhead(const void* buffer, size_t length, int64_t offset, std::shared_ptr<const void> owner);
+  // Waits for the answer of every write sent ahead and forgets it; nothing of them is
+  // logged.
+  void DropWritesAhead();
+  size_t WritesAhead() const { return writesAhead_.size(); }
 
   // Runs on the calling thread before the device stores a log row. The async writer lets
   // the rows its reporter still holds go first, so that rows keep the writer's order.
@@ -103,11 +125,25 @@ class IscsiBlockDevice {
   // Drops the session and logs in again at the same byte position.
   bool Reconnect();
 
-  struct ReadAheadCommand;
-  // Serves the session until `command` is answered; false when the session failed first.
-  bool AwaitReadAhead(ReadAheadCommand& command);
-  // The reads ahead whose answers can no longer come, kept until their session is gone.
-  void LoseReadsAhead();
+  struct Command;
+  using Commands = std::deque<std::unique_ptr<Command>>;
+  // Serves the session until `command` is answered; false when the session failed first
+  // (the commands ahead are lost then).
+  bool Await(Command& command);
+  // Awaits a command just sent; its task, or null when it could not be sent or its
+  // session failed first (the record then stays until the context is gone).
+  TaskPtr Complete(std::unique_ptr<Command> command);
+  // Destroys the context, then the records of the commands it still held.
+  void DropContext();
+  // Logs out of a session that is logged in, waiting for the target's answer.
+  void Logout();
+  // Serves the session without waiting; a failure is left for the commands' takers.
+  void ServiceAhead();
+  // Waits for the writes ahead that overlap blocks [lba, end); false when the session
+  // failed first.
+  bool AwaitWritesAhead(uint64_t lba, uint64_t end);
+  // The commands ahead whose answers can no longer come, kept until their session is gone.
+  void LoseCommandsAhead();
 
   int fd_ = 0;
   int64_t position_ = 0;
@@ -123,10 +159,12 @@ class IscsiBlockDevice {
   bool broken_ = false;
   Mutex lock_{true};
   std::function<void()> beforeLog_;
-  // Reads sent ahead, oldest first, and those lost with a failed session: libiscsi holds
-  // their tasks and buffers until it answers them or its context is destroyed.
-  std::deque<std::unique_ptr<ReadAheadCommand>> readsAhead_;
-  std::deque<std::unique_ptr<ReadAheadCommand>> lostReads_;
+  // Reads and writes sent ahead, oldest first, and those lost with a failed session:
+  // libiscsi holds their tasks and buffers until it answers them or its context is
+  // destroyed.
+  Commands readsAhead_;
+  Commands writesAhead_;
+  Commands lostCommands_;
 };
 
 }  // namespace orv

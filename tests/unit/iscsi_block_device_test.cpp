@@ -8,10 +8,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -132,6 +134,50 @@ TEST_F(IscsiBlockDeviceTest, ReadsAndWritesAreCutAtTheEndOfTheLun) {
   EXPECT_EQ(errno, ENOTCONN);
   EXPECT_EQ(device.ReadRetry(back.data(), 512), -1);
   EXPECT_EQ(errno, ENOTCONN);
+}
+
+// Writes sent ahead are all on the wire at once; a read of their blocks waits for them,
+// and the Write that comes to each takes its answer instead of sending it again.
+TEST_F(IscsiBlockDeviceTest, WritesAheadLandAndTheirWritesTakeTheAnswers) {
+  IscsiBlockDevice device(Target());
+  ASSERT_TRUE(device.Connect());
+  struct Run {
+    int64_t offset;
+    std::shared_ptr<std::vector<unsigned char>> data;
+  };
+  std::vector<Run> runs;
+  int64_t offset = 512;
+  for (size_t i = 0; i < 8; ++i) {
+    auto data = std::make_shared<std::vector<unsigned char>>(Pattern(4096u << (i % 5), i + 1));
+    runs.push_back({offset, data});
+    ASSERT_TRUE(device.WriteAhead(data->data(), data->size(), offset, data)) << i;
+    offset += static_cast<int64_t>(data->size()) + 8192;
+  }
+  EXPECT_EQ(device.WritesAhead(), 8u);
+  // Not sent ahead: over the blocks of another write ahead, past the LUN's end, not whole
+  // blocks.
+  std::vector<unsigned char> other = Pattern(4096, 99);
+  EXPECT_FALSE(device.WriteAhead(other.data(), 4096, runs[2].offset + 512, nullptr));
+  EXPECT_FALSE(device.WriteAhead(other.data(), 4096, device.Size() - 512, nullptr));
+  EXPECT_FALSE(device.WriteAhead(other.data(), 1000, 0, nullptr));
+  EXPECT_EQ(device.WritesAhead(), 8u);
+
+  std::vector<unsigned char> back(runs[4].data->size());
+  ASSERT_EQ(device.Seek(runs[4].offset, 0), runs[4].offset);
+  ASSERT_EQ(device.ReadRetry(back.data(), back.size()), static_cast<int64_t>(back.size()));
+  EXPECT_TRUE(back == *runs[4].data);
+  for (size_t i = 0; i < runs.size(); ++i) {
+    int64_t bytes = static_cast<int64_t>(runs[i].data->size());
+    ASSERT_EQ(device.Seek(runs[i].offset, 0), runs[i].offset);
+    ASSERT_EQ(device.WriteRetry(runs[i].data->data(), runs[i].data->size()), bytes);
+    EXPECT_EQ(device.Position(), runs[i].offset + bytes);
+    EXPECT_EQ(device.WritesAhead(), runs.size() - i - 1);
+    // The device let go of the buffer with the answer.
+    EXPECT_EQ(runs[i].data.use_count(), 1);
+  }
+  std::vector<unsigned char> expected(static_cast<size_t>(offset), 0);
+  for (const Run& run : runs) std::copy(run.data->begin(), run.data->end(), expected.begin() + run.offset);
+  EXPECT_TRUE(ReadBacking(lunPath_, 0, expected.size()) == expected);
 }
 
 // Writes the whole LUN in 256 KiB pieces, pass after pass, until told to stop at the end

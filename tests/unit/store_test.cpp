@@ -150,6 +150,28 @@ TEST_F(StoreTest, LongAndEmptyEventTexts) {
   EXPECT_EQ(Rows(root_.databasePath(), "SELECT COUNT(*) FROM logs"), std::vector<std::string>{"1"});
 }
 
+// Rows stored together are the rows the events one by one would store: in order, cut at
+// 1023 bytes, none for an empty text; and the invalid retention is still repaired once.
+TEST_F(StoreTest, EventsStoredTogetherAreTheRowsOfEventsOneByOne) {
+  std::string longText(3000, 'x');
+  ASSERT_TRUE(set_config("log_days_to_keep", "abc"));
+  LogEvents(kDebug, "bk", {"first", "", longText, "last"});
+  LogEvent(kDebug, "bk", "%s", "first");
+  LogEvent(kDebug, "bk", "%s", "");
+  LogEvent(kDebug, "bk", "%s", longText.c_str());
+  LogEvent(kDebug, "bk", "%s", "last");
+  std::vector<std::string> rows = Rows(root_.databasePath(),
+                                       "SELECT level || ' ' || backup_id || ' ' || length(message) || ' ' || "
+                                       "substr(message, 1, 5) FROM logs WHERE backup_id='bk' ORDER BY id");
+  std::vector<std::string> once = {"1 bk 5 first", "1 bk 1023 xxxxx", "1 bk 4 last"};
+  std::vector<std::string> twice = once;
+  twice.insert(twice.end(), once.begin(), once.end());
+  EXPECT_EQ(rows, twice);
+  EXPECT_EQ(Rows(root_.databasePath(),
+                 "SELECT COUNT(*) FROM logs WHERE message='Invalid log days to keep configuration - using default.'"),
+            std::vector<std::string>{"1"});
+}
+
 TEST_F(StoreTest, HistoryRecordsAndLookups) {
   History history;
   history.write("b1", "uuid-1", "copy_full", -1, -1, "", "", "success", "detail", 0);

@@ -2,8 +2,11 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
+#include <chrono>
 #include <cstring>
+#include <thread>
 #include <memory>
 #include <string>
 #include <vector>
@@ -112,12 +115,14 @@ TEST_F(WriterPipelineTest, ATargetThatRefusesWritesStopsTheProducerAndFreesEvery
   ASSERT_TRUE(device_->Connect());
   WriterPipeline pipeline(*device_, kBackupId, kVolume, &status_);
   ASSERT_TRUE(pipeline.Start());
-  int pushed = 0;
-  while (pushed < 10 && pipeline.Push(Chunk(static_cast<int64_t>(pushed * kChunk), kChunk, (pushed + 1) * kChunk))) {
+  size_t pushed = 0;
+  while (pushed < 16 && pipeline.Push(Chunk(static_cast<int64_t>(pushed * kChunk), kChunk, (pushed + 1) * kChunk))) {
     ++pushed;
   }
-  // One chunk in the writer's hands and two waiting: the fourth push sees the failure.
-  EXPECT_EQ(pushed, 3);
+  // At least the first chunk in the writer's hands and two waiting, at most as many
+  // writes as may be in flight: a later push sees the failure.
+  EXPECT_GE(pushed, 1 + WriterPipeline::kQueueCapacity);
+  EXPECT_LE(pushed, AsyncWriterThread::kMostWritesAhead + WriterPipeline::kQueueCapacity);
   EXPECT_FALSE(pipeline.Finish());
   EXPECT_EQ(LoggedMessages("Error from async write thread: Error performing iscsi target write: 5").size(), 2u);
   EXPECT_EQ(LoggedMessages("Write iscsi failed, sleeping, reconnecting, and retrying").size(), 5u);
@@ -125,6 +130,170 @@ TEST_F(WriterPipelineTest, ATargetThatRefusesWritesStopsTheProducerAndFreesEvery
   EXPECT_EQ(status_.errorMessage(), "Could not write to target device.");
   EXPECT_EQ(status_.errorCode(), kErrorTargetWrite);
   EXPECT_EQ(status_.volumes().at(0).bytesTransferred, 0u);
+}
+
+// A writer started on a queue that already holds every chunk (a queue larger than a
+// copy's, so that it finds as many as it may take) while tgtd is stopped: what the writer
+// sends stays unanswered until the test lets tgtd go on, or kills it.
+class WritesInFlightTest : public WriterPipelineTest {
+ protected:
+  struct Run {
+    int64_t position;
+    size_t length;
+    uint64_t transferValue;
+  };
+
+  ~WritesInFlightTest() override {
+    Resume();
+    if (started_) writer_.Stop(thread_);
+  }
+
+  // Runs of 4 KiB to 512 KiB with gaps between them, as an incremental copy sends them.
+  // A writer that will lose its session runs under LibiscsiSessionLossLeaks.
+  void Start(size_t count, std::vector<size_t> lengths = {}, bool losesSession = false) {
+    int64_t position = 4096;
+    uint64_t total = 0;
+    for (size_t i = 0; i < count; ++i) {
+      size_t length = i < lengths.size() ? lengths[i] : 4096u << (i * 5 % 8);
+      total += length;
+      runs_.push_back({position, length, total});
+      position += static_cast<int64_t>(length + 4096 * (i % 3));
+    }
+    queue_.SetCapacity(static_cast<uint32_t>(count));
+    ASSERT_EQ(queue_.Init(), 0);
+    for (const Run& run : runs_) ASSERT_EQ(queue_.Push(Chunk(run.position, run.length, run.transferValue).release()), 0);
+    ASSERT_EQ(writer_.Init(&queue_, device_.get(), kBackupId), 0);
+    ASSERT_EQ(kill(tgtd_.Pid(), SIGSTOP), 0);
+    paused_ = true;
+    ASSERT_EQ(pthread_create(&thread_, nullptr, losesSession ? &LosingSession : &AsyncWriterThread::ThreadMain, &writer_),
+              0);
+    started_ = true;
+  }
+
+  static void* LosingSession(void* writer) {
+    LibiscsiSessionLossLeaks expected;
+    return AsyncWriterThread::ThreadMain(writer);
+  }
+
+  // Waits until the writer holds `count` chunks and waits for the first answer.
+  bool InFlight(size_t count) {
+    auto start = std::chrono::steady_clock::now();
+    while (queue_.Size() > runs_.size() - count && SecondsSince(start) < 10) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    return queue_.Size() == runs_.size() - count;
+  }
+
+  void Resume() {
+    if (paused_) kill(tgtd_.Pid(), SIGCONT);
+    paused_ = false;
+  }
+
+  // Ends the writer (the marker after every chunk) and returns its failure text.
+  std::string Finish() {
+    Resume();
+    EXPECT_EQ(queue_.Push(nullptr), 0);
+    pthread_join(thread_, nullptr);
+    started_ = false;
+    std::string failure;
+    EXPECT_EQ(writer_.GetFailure(failure), 0);
+    return failure;
+  }
+
+  std::vector<unsigned char> Image() const {
+    std::vector<unsigned char> image(static_cast<size_t>(runs_.back().position) + runs_.back().length, 0);
+    for (const Run& run : runs_) {
+      FillPattern(image.data() + run.position, run.length, 42, static_cast<uint64_t>(run.position));
+    }
+    return image;
+  }
+
+  // The writer's rows since the test began, login failures without libiscsi's words.
+  std::vector<std::string> Rows() const {
+    std::vector<std::string> rows;
+    for (std::string message : LoggedMessages()) {
+      if (message.rfind("Connect or Login failed", 0) == 0) message = "Connect or Login failed";
+      if (message.rfind("Set backup of volume", 0) == 0 || message.rfind("Set error", 0) == 0 ||
+          message.find("iscsi") != std::string::npos || message == "Connect or Login failed") {
+        rows.push_back(message);
+      }
+    }
+    return rows;
+  }
+
+  std::string ProgressRow(uint64_t bytes) const {
+    return "Set backup of volume " + std::string(kVolume) + " 'BYTES TRANSFERRED' to " + std::to_string(bytes) +
+           " bytes.";
+  }
+
+  std::vector<Run> runs_;
+  BlockingQueue<queueitem> queue_;
+  AsyncWriterThread writer_{kVolume, &status_};
+  pthread_t thread_{};
+  bool started_ = false;
+  bool paused_ = false;
+};
+
+TEST_F(WritesInFlightTest, WritesGoOutTogetherAndAreReportedOnlyOnceAnswered) {
+  ASSERT_NO_FATAL_FAILURE(Start(40));
+  EXPECT_TRUE(InFlight(AsyncWriterThread::kMostWritesAhead));
+  // Nothing has reached the target, so nothing is reported.
+  EXPECT_EQ(status_.volumes().at(0).bytesTransferred, 0u);
+  EXPECT_EQ(Finish(), "");
+  EXPECT_TRUE(ReadBacking(lunPath_, 0, Image().size()) == Image());
+  std::vector<std::string> expected;
+  for (const Run& run : runs_) expected.push_back(ProgressRow(run.transferValue));
+  EXPECT_EQ(Rows(), expected);
+}
+
+TEST_F(WritesInFlightTest, WritesInFlightHoldAtMostOneFullChunk) {
+  // The second would take the two past a chunk's bytes: it waits for the first.
+  ASSERT_NO_FATAL_FAILURE(Start(3, {kChunkBytes / 2 + 4096, kChunkBytes / 2, 4096}));
+  EXPECT_TRUE(InFlight(1));
+  EXPECT_EQ(Finish(), "");
+  EXPECT_TRUE(ReadBacking(lunPath_, 0, Image().size()) == Image());
+}
+
+// The target dies under writes in flight: the rows are those of one write sent on its own.
+TEST_F(WritesInFlightTest, ATargetThatDiesUnderManyWritesFailsAsUnderOne) {
+  ASSERT_NO_FATAL_FAILURE(Start(12, {}, true));
+  ASSERT_TRUE(InFlight(AsyncWriterThread::kMostWritesAhead));
+  paused_ = false;
+  ASSERT_TRUE(tgtd_.Kill());
+  EXPECT_EQ(Finish(), "Error performing iscsi target write: 5");
+  std::vector<std::string> rows = {"Failed during iscsi write command."};
+  for (int i = 0; i < 5; ++i) {
+    rows.push_back("Write iscsi failed, sleeping, reconnecting, and retrying");
+    rows.push_back("Connect or Login failed");
+  }
+  rows.push_back("Set error Could not write to target device. to 108.");
+  rows.push_back("Write to iscsi target failed: 5, write returned -1");
+  EXPECT_EQ(Rows(), rows);
+  EXPECT_EQ(status_.volumes().at(0).bytesTransferred, 0u);
+}
+
+// The target comes back: the writes lost with the session are sent again, in order, and
+// every chunk is reported once.
+TEST_F(WritesInFlightTest, WritesLostWithTheSessionAreSentAgainInOrder) {
+  ASSERT_NO_FATAL_FAILURE(Start(24, {}, true));
+  ASSERT_TRUE(InFlight(AsyncWriterThread::kMostWritesAhead));
+  paused_ = false;
+  ASSERT_TRUE(tgtd_.Kill());
+  ASSERT_TRUE(tgtd_.Restart());
+  EXPECT_EQ(Finish(), "");
+  EXPECT_TRUE(ReadBacking(lunPath_, 0, Image().size()) == Image());
+  std::vector<std::string> progress;
+  for (const std::string& row : Rows()) {
+    if (row.rfind("Set backup of volume", 0) == 0) progress.push_back(row);
+  }
+  std::vector<std::string> expected;
+  for (const Run& run : runs_) expected.push_back(ProgressRow(run.transferValue));
+  EXPECT_EQ(progress, expected);
+  // Only the first write's failure is told (none when libiscsi's own single attempt to
+  // log in again found the target already back); the others are sent again silently.
+  EXPECT_LE(LoggedMessages("Failed during iscsi write command.").size(), 1u);
+  EXPECT_EQ(status_.errorCode(), 0);
 }
 
 TEST(AsyncWriterThreadTest, SanityFailuresEndUpInTheFailureText) {
