@@ -125,7 +125,12 @@ int AsyncWriterThread::WriteOldest() {
   std::shared_ptr<queueitem> item = std::move(inFlight_.front());
   inFlight_.pop_front();
   bytesInFlight_ -= item->writeLength;
-  return WriteItem(*item);
+  int result = WriteItem(*item);
+  // Every chunk beside the first was taken by TryPop and still holds a place in the
+  // queue: its buffer goes back before the producer may take another.
+  item.reset();
+  if (!inFlight_.empty()) queue_->Release();
+  return result;
 }
 
 int AsyncWriterThread::WriteInFlight() {
@@ -138,7 +143,9 @@ int AsyncWriterThread::WriteInFlight() {
 
 void AsyncWriterThread::ForgetInFlight() {
   if (device_ != nullptr && !inFlight_.empty()) device_->DropWritesAhead();
+  size_t kept = inFlight_.empty() ? 0 : inFlight_.size() - 1;
   inFlight_.clear();
+  for (; kept > 0 && queue_ != nullptr; --kept) queue_->Release();
   bytesInFlight_ = 0;
 }
 

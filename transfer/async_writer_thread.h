@@ -28,8 +28,11 @@ class IscsiBlockDevice;
 // takes in the next small run of an incremental copy while it writes one; yet each chunk
 // is taken in queue order, its write's answer told as if the write had been sent at that
 // moment, and only then reported. A chunk waits in the queue while the writes in flight
-// would pass kMostWritesAhead or kMostBytesAhead with it: a copy of full chunks has one
-// write in flight and holds no more chunks than with one write at a time.
+// would pass kMostWritesAhead or kMostBytesAhead with it, so a copy of full chunks has
+// one write in flight; and a chunk in flight beside the first keeps its place in the
+// queue (BlockingQueue::TryPop), so that a copy never holds more chunk buffers than with
+// one write at a time (a used-blocks copy, whose chunks are large but seldom full, peaked
+// 12 MiB higher without that).
 //
 // Two, measured on the 10% incremental copy against the tuned target on two cores: 0.26 s
 // with two in flight, 0.30-0.37 s with one, 0.33-0.35 s with three or four and 0.44-0.49 s

@@ -61,7 +61,7 @@ class BlockingQueue {
     size_t count = items_.size();
     int waited = 0;
     if (item != nullptr) {
-      while (count >= capacity_) {
+      while (count + kept_ >= capacity_) {
         struct timespec deadline = OneSecondFromNow();
         waited = pthread_cond_timedwait(&notFull_, &lock_, &deadline);
         if (waited != 0) break;
@@ -90,14 +90,28 @@ class BlockingQueue {
   }
 
   // Pop without waiting, and only an item that `accept` (called with the front pointer
-  // under the lock) takes: EAGAIN when the queue is empty or the front is refused.
+  // under the lock) takes: EAGAIN when the queue is empty or the front is refused. For a
+  // consumer that already holds an item: the one popped here goes on taking a place in
+  // the queue until Release, so that holding two leaves the producer no more room (and
+  // no more chunks alive) than holding one.
   template <typename Accept>
   int TryPop(T*& item, Accept accept) {
     if (!initialised_) return EINVAL;
     Lock hold(&lock_);
     if (items_.empty() || !accept(static_cast<const T*>(items_.front()))) return EAGAIN;
-    TakeFront(item);
+    item = items_.front();
+    items_.pop_front();
+    if (item != nullptr) ++kept_;
     return 0;
+  }
+
+  // The consumer let go of an item popped by TryPop: its place is free.
+  void Release() {
+    if (!initialised_) return;
+    Lock hold(&lock_);
+    if (kept_ == 0) return;
+    --kept_;
+    pthread_cond_broadcast(&notFull_);
   }
 
   size_t Size() {
@@ -141,7 +155,7 @@ class BlockingQueue {
     items_.pop_front();
     // Markers may take the queue beyond its capacity; a producer waits for room as soon
     // as it reaches capacity, so any pop from there on may make room for it.
-    if (count >= capacity_) pthread_cond_broadcast(&notFull_);
+    if (count + kept_ >= capacity_) pthread_cond_broadcast(&notFull_);
   }
 
   // Condition deadlines are on the realtime clock, the default of pthread conditions.
@@ -164,6 +178,7 @@ class BlockingQueue {
   pthread_cond_t notEmpty_;
   pthread_cond_t notFull_;
   std::deque<T*> items_;
+  uint32_t kept_ = 0;  // items popped by TryPop and not yet released
 };
 
 }  // namespace orv

@@ -130,6 +130,43 @@ TEST_F(BlockingQueueTest, MarkersBeyondCapacityStillLetAWaitingProducerIn) {
   consumer.join();
 }
 
+TEST_F(BlockingQueueTest, AnItemTakenByTryPopKeepsItsPlaceUntilReleased) {
+  ASSERT_EQ(queue_.Push(Chunk(1)), 0);
+  ASSERT_EQ(queue_.Push(Chunk(2)), 0);
+  queueitem* first = nullptr;
+  ASSERT_EQ(queue_.Pop(first), 0);
+  queueitem* second = nullptr;
+  // A refused front stays where it is.
+  EXPECT_EQ(queue_.TryPop(second, [](const queueitem*) { return false; }), EAGAIN);
+  EXPECT_EQ(queue_.Size(), 1u);
+  ASSERT_EQ(queue_.TryPop(second, [](const queueitem* next) { return next->writePosition == 2; }), 0);
+  ASSERT_NE(second, nullptr);
+  EXPECT_EQ(second->writePosition, 2);
+  EXPECT_EQ(queue_.TryPop(second, [](const queueitem*) { return true; }), EAGAIN);  // empty
+  // The consumer holds two: the producer has room for one only.
+  ASSERT_EQ(queue_.Push(Chunk(3)), 0);
+  queueitem* fourth = Chunk(4);
+  EXPECT_EQ(queue_.Push(fourth), ETIMEDOUT);
+  std::thread consumer([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    delete second;
+    queue_.Release();
+  });
+  auto start = Clock::now();
+  EXPECT_EQ(queue_.Push(fourth), 0);
+  double seconds = SecondsSince(start);
+  consumer.join();
+  EXPECT_GE(seconds, 0.25);
+  EXPECT_LT(seconds, 0.9);
+  EXPECT_EQ(queue_.Size(), 2u);
+  // Releasing more than was kept gives no room beyond the capacity.
+  queue_.Release();
+  queueitem* fifth = Chunk(5);
+  EXPECT_EQ(queue_.Push(fifth), ETIMEDOUT);
+  delete fifth;
+  delete first;
+}
+
 TEST(BlockingQueueUninitialisedTest, RefusesAndFreesWhatItIsGiven) {
   BlockingQueue<queueitem> queue;
   queue.SetCapacity(2);
