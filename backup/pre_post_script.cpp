@@ -193,6 +193,7 @@ bool PrePostScript::start(Phase phase, const std::string& backupId) {
 }
 
 void* PrePostScript::ThreadMain(void* argument) {
+  pthread_setname_np(pthread_self(), "orvd-script");
   static_cast<PrePostScript*>(argument)->run();
   return nullptr;
 }

@@ -37,6 +37,7 @@ int AsyncWriterThread::Init(BlockingQueue<queueitem>* queue, IscsiBlockDevice* d
 }
 
 void* AsyncWriterThread::ThreadMain(void* writer) {
+  pthread_setname_np(pthread_self(), "orvd-writer");
   LogDisplay(kDebug, "starting async write thread.");
   static_cast<AsyncWriterThread*>(writer)->Run();
   LogDisplay(kDebug, "exiting async write thread.");

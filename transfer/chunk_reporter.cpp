@@ -1,5 +1,7 @@
 #include "transfer/chunk_reporter.h"
 
+#include <pthread.h>
+
 #include <system_error>
 
 #include "api/all_backup_status.h"
@@ -15,7 +17,10 @@ ChunkReporter::~ChunkReporter() { Finish(); }
 void ChunkReporter::Start() {
   if (thread_.joinable()) return;
   try {
-    thread_ = std::thread([this] { Run(); });
+    thread_ = std::thread([this] {
+      pthread_setname_np(pthread_self(), "orvd-reporter");
+      Run();
+    });
   } catch (const std::system_error&) {
     // Reporting on the writer's own thread is slower, not wrong.
   }

@@ -1,5 +1,6 @@
 #include "transfer/copy_diff_merge.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -61,7 +62,10 @@ class SnapshotAhead {
 
   void Start() {
     try {
-      thread_ = std::thread([this] { Run(); });
+      thread_ = std::thread([this] {
+        pthread_setname_np(pthread_self(), "orvd-snapshot");
+        Run();
+      });
     } catch (const std::system_error&) {
       // Reading by turns is slower, not wrong.
     }
