@@ -18,6 +18,7 @@
 #include "daemon/file_util.h"
 #include "daemon/logger.h"
 #include "daemon/paths.h"
+#include "daemon/thread_priority.h"
 #include "store/configs.h"
 
 namespace orv {
@@ -177,6 +178,8 @@ bool HttpServer::startLocked() {
   // With a trust list the library asks each caller for its certificate; the session
   // check of every request then decides. The library's default priorities still
   // accept TLS 1.0 and 1.1, which no appliance needs: only 1.2 and 1.3 are offered.
+  // The listener and its connection threads start from here and keep this priority.
+  ScopedServerPriority priority;
   daemon_ = MHD_start_daemon(MHD_USE_TLS | MHD_USE_THREAD_PER_CONNECTION, port_, nullptr, nullptr,
                              &HttpServer::AccessHandler, this,
                              MHD_OPTION_NOTIFY_COMPLETED, &HttpServer::RequestCompleted, nullptr,

@@ -6,6 +6,7 @@
 
 #include "backup/backup.h"
 #include "daemon/logger.h"
+#include "daemon/thread_priority.h"
 
 namespace orv {
 
@@ -152,6 +153,8 @@ void* BackupManager::RunThread(void* argument) {
   // Named for the admin's `top -H` and the scheduler's traces: otherwise it carries the
   // name of the server thread that took the request.
   pthread_setname_np(pthread_self(), "orvd-backup");
+  // Started from a server thread: the copy and its scripts run at the daemon's priority.
+  RestoreProcessPriority();
   Backup* backup = static_cast<Backup*>(argument);
   if (backup == nullptr) {
     LogEvent(kError, "", "Invalid backup pointer.");

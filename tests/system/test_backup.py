@@ -43,6 +43,21 @@ def test_two_volumes_full_backup_end_to_end(rig, loop_volumes):
     assert all(row[6] for row in rig.history("copy_full", backup_id))
 
 
+def thread_nice(pid):
+    """{thread name: [nice values]} of a process's threads, the main thread first."""
+    found = {}
+    for tid in sorted(os.listdir("/proc/%d/task" % pid), key=lambda t: int(t) != pid):
+        try:
+            with open("/proc/%d/task/%s/stat" % (pid, tid)) as f:
+                stat = f.read()
+        except FileNotFoundError:
+            continue  # ended meanwhile
+        name = stat[stat.index("(") + 1:stat.rindex(")")]
+        # Fields after the name: state is the third field, nice the nineteenth.
+        found.setdefault(name, []).append(int(stat[stat.rindex(")") + 2:].split()[16]))
+    return found
+
+
 def test_second_start_while_running_and_cancel(rig, loop_volumes):
     volume = loop_volumes("ext4", size_mib=256, seed=3)
     rig.add_target(volume)
@@ -52,6 +67,12 @@ def test_second_start_while_running_and_cancel(rig, loop_volumes):
     assert (response.status, response.text) == (400, "A backup is currently in progress.")
     wait_for(lambda: any(d["transfer"]["bytesTransferred"] > 0 for d in rig.status(backup_id)["details"]),
              timeout=120, interval=0.05, what="the copy to start")
+    # The server's threads run ahead of the copy; the copy, though started by a request,
+    # runs at the daemon's own priority.
+    nice = thread_nice(rig.agent.process.pid)
+    main = nice["orvd"][0]
+    assert set(nice["MHD-listen"]) == {main - 5}, nice
+    assert set(nice["orvd-backup"]) == {main} and set(nice["orvd-writer"]) == {main}, nice
     cancel = rig.client.backup_cancel(backup_id)
     assert cancel.status == 200
     assert cancel.json() == {"success": True}
