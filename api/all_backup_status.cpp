@@ -131,26 +131,7 @@ std::string BytesTransferredRow(const std::string& uuid, uint64_t bytes) {
 }  // namespace
 
 bool AllBackupStatus::setBytesTransferred(const std::string& uuid, uint64_t bytes) {
-  VolumeRecord* record;
-  {
-    MutexLock list(listLock_);
-    if (!list.locked()) {
-      LogEvent(kError, backupId_, "Could not set backup volume bytes transferred status.");
-      return false;
-    }
-    record = findLocked(uuid);
-  }
-  // Set once a chunk: the row is stored before the volume lock is taken, so that a status
-  // document being rendered never waits for it to reach the database, and the row still
-  // comes before the figure shows.
-  LogEvent(kDebug, backupId_, "%s", BytesTransferredRow(uuid, bytes).c_str());
-  MutexLock volume(volumeLock_);
-  if (!volume.locked()) {
-    LogEvent(kError, backupId_, "Could not set backup volume bytes transferred status.");
-    return false;
-  }
-  record->bytesTransferred = bytes;
-  return true;
+  return setBytesTransferred(uuid, std::vector<uint64_t>{bytes});
 }
 
 bool AllBackupStatus::setBytesTransferred(const std::string& uuid, const std::vector<uint64_t>& figures) {
@@ -164,6 +145,9 @@ bool AllBackupStatus::setBytesTransferred(const std::string& uuid, const std::ve
     }
     record = findLocked(uuid);
   }
+  // Set once a chunk: the rows are stored before the volume lock is taken, so that a
+  // status document being rendered never waits for them to reach the database, and the
+  // rows still come before the figure shows.
   std::vector<std::string> rows;
   rows.reserve(figures.size());
   for (uint64_t bytes : figures) rows.push_back(BytesTransferredRow(uuid, bytes));

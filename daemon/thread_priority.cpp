@@ -4,30 +4,25 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 
 namespace orv {
 
 namespace {
 
-// The process's own priority, read once before any thread of the daemon was raised.
-std::atomic<int> processNice{0};
-std::atomic<bool> processNiceKnown{false};
-
 int CurrentTid() { return static_cast<int>(syscall(SYS_gettid)); }
 
 bool SetNice(int nice) { return setpriority(PRIO_PROCESS, static_cast<id_t>(CurrentTid()), nice) == 0; }
 
-void RememberProcessNice() {
-  bool expected = false;
-  if (processNiceKnown.load()) return;
-  // The main thread's tid is the process id; until a server starts nothing is raised.
-  errno = 0;
-  int nice = getpriority(PRIO_PROCESS, static_cast<id_t>(getpid()));
-  if (errno != 0) return;
-  processNice.store(nice);
-  processNiceKnown.compare_exchange_strong(expected, true);
+// The process's own priority: the main thread's (its tid is the process id), read once,
+// by the first server start, before any thread of the daemon was raised.
+int ProcessNice() {
+  static const int nice = [] {
+    errno = 0;
+    int value = getpriority(PRIO_PROCESS, static_cast<id_t>(getpid()));
+    return errno == 0 ? value : 0;
+  }();
+  return nice;
 }
 
 }  // namespace
@@ -39,10 +34,9 @@ int ThreadNice() {
 }
 
 ScopedServerPriority::ScopedServerPriority() {
-  RememberProcessNice();
+  int wanted = ProcessNice() - kBoost;
   before_ = ThreadNice();
   // Never above the process's priority plus the boost, whatever thread restarts the server.
-  int wanted = processNice.load() - kBoost;
   if (wanted < -20) wanted = -20;
   if (wanted < before_) raised_ = SetNice(wanted);
 }
@@ -52,9 +46,7 @@ ScopedServerPriority::~ScopedServerPriority() {
 }
 
 void RestoreProcessPriority() {
-  if (!processNiceKnown.load()) return;
-  int nice = processNice.load();
-  if (ThreadNice() != nice) SetNice(nice);
+  if (ThreadNice() != ProcessNice()) SetNice(ProcessNice());
 }
 
 }  // namespace orv
