@@ -1,6 +1,5 @@
 #include "identity/certificate_tools.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,13 +17,7 @@ namespace {
 
 std::vector<std::string> DirectoryEntries(const std::string& path) {
   std::vector<std::string> names;
-  DIR* dir = opendir(path.c_str());
-  if (dir == nullptr) return names;
-  while (dirent* entry = readdir(dir)) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  closedir(dir);
+  for (const auto& entry : std::filesystem::directory_iterator(path)) names.push_back(entry.path().filename());
   std::sort(names.begin(), names.end());
   return names;
 }

@@ -66,15 +66,11 @@ TEST_F(ImageChecksumTest, IsTheCrc32OfTheFirstTenMebibytesOfTheImage) {
   EXPECT_EQ(status_.errorMessage(), "");
 }
 
-TEST_F(ImageChecksumTest, AnImageNearTheEndOfTheLunIsStillSummed) {
+TEST_F(ImageChecksumTest, OnlyImagesThatStartInsideTheLunAreSummed) {
   std::string checksum;
   ASSERT_TRUE(GetImageChecksum(Volume(static_cast<int64_t>(lunBytes_) - (1 << 20)), checksum));
-  EXPECT_EQ(checksum.size(), 8u);
-  EXPECT_EQ(checksum.find_first_not_of("0123456789abcdef"), std::string::npos) << checksum;
-}
-
-TEST_F(ImageChecksumTest, AnImageOffsetBeyondTheLunCannotBeSummed) {
-  std::string checksum = "unchanged";
+  EXPECT_EQ(checksum, ZlibCrc32Text(std::vector<unsigned char>(1 << 20).data(), 1 << 20));  // what there is
+  checksum = "unchanged";
   EXPECT_FALSE(GetImageChecksum(Volume(static_cast<int64_t>(lunBytes_) + 512), checksum));
   EXPECT_EQ(checksum, "unchanged");
   EXPECT_EQ(status_.errorMessage(), "Could not seek on target device.");
@@ -89,22 +85,18 @@ TEST_F(ImageChecksumTest, ReachabilityIsALoginToTheVolumesLun) {
   EXPECT_TRUE(IsTargetReachable(Volume(0), 1));
   EXPECT_FALSE(IsTargetReachable(Volume(0), 5));
   EXPECT_TRUE(CheckTargetReachable(Volume(0)));
-  EXPECT_EQ(LoggedMessages("Checking if target is reachable for lun: 5").size(), 1u);
   EXPECT_EQ(LoggedMessages("Results of checking if target is reachable for lun: 5, 0").size(), 1u);
   EXPECT_EQ(LoggedMessages("Results of checking if target is reachable for lun: 1, 1").size(), 2u);
   EXPECT_EQ(status_.errorMessage(), "");
-}
-
-TEST_F(ImageChecksumTest, AnUnreachableTargetGivesOneErrorNamingItsAddress) {
-  VolumeImage volume = Volume(0);
+  // An unreachable target gives one error naming its address.
   ASSERT_TRUE(tgtd_.Stop());
-  EXPECT_FALSE(CheckTargetReachable(volume));
+  EXPECT_FALSE(CheckTargetReachable(Volume(0)));
   EXPECT_EQ(status_.errorMessage(),
             "Could not connect to ISCSI target storage, check firewall settings to allow access to " + tgtd_.Portal());
   EXPECT_EQ(LoggedMessages("Error to taloq: ").size(), 1u);
   EXPECT_EQ(LoggedMessages("Backup target unreachable.").size(), 1u);
   std::string checksum;
-  EXPECT_FALSE(GetImageChecksum(volume, checksum));
+  EXPECT_FALSE(GetImageChecksum(Volume(0), checksum));
   EXPECT_EQ(checksum, "");
 }
 

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <functional>
 #include <random>
 #include <set>
 #include <vector>
@@ -132,44 +133,30 @@ TEST(ExtReaderTest, CorruptSuperblocksAndDescriptorsAreRefused) {
   {
     ExtImage image(1024, 2048, 1024);
     image.super()[56] = 0x54;  // no magic: not recognised at all
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 16).pieces.size(), 0u);
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 16).result, 0);
+    UsedBlockWalk walk = WalkUsedBlocks(image.bytes(), 16);
+    EXPECT_EQ(walk.result, 0);
+    EXPECT_TRUE(walk.pieces.empty());
   }
-  {
-    ExtImage image(1024, 2048, 1024);
-    PutLe32(image.super() + 32, 0);  // zero blocks per group
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 16).result, -1);
-  }
-  {
-    ExtImage image(1024, 2048, 1024);
-    PutLe32(image.super() + 32, 9000);  // more blocks per group than a bitmap block holds
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 16).result, -1);
-  }
-  {
-    ExtImage image(1024, 2048, 1024);
-    PutLe32(image.super() + 20, 2047);  // groups starting anywhere but after the superblock
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 16).result, -1);
-  }
-  {
-    ExtImage image(1024, 2048, 1024);
-    PutLe32(image.descriptor(1), 5000);  // a bitmap outside the volume
-    UsedBlockWalk walk = WalkUsedBlocks(image.bytes(), 1 << 20);
-    EXPECT_EQ(walk.result, -1);
-  }
-  {
-    ExtImage image(4096, 4096, 2048, 64);
-    PutLe32(image.descriptor(1) + 0x20, 1);  // bitmap beyond block 2^32
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 1 << 20).result, -1);
-  }
-  {
-    ExtImage image(4096, 4096, 2048, 64);
-    PutLe16(image.super() + 254, 48);  // not a power of two
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 1 << 20).result, -1);
-  }
-  {
-    ExtImage image(1024, 2048, 1024);
-    PutLe32(image.super() + 4, 4096);  // claims more blocks than the device holds
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 1 << 20).result, -1);
+  const struct {
+    const char* what;
+    uint32_t blockSize, blocks, perGroup, descriptorSize;
+    std::function<void(ExtImage&)> damage;
+  } cases[] = {
+      {"zero blocks per group", 1024, 2048, 1024, 32, [](ExtImage& i) { PutLe32(i.super() + 32, 0); }},
+      {"more blocks per group than a bitmap holds", 1024, 2048, 1024, 32,
+       [](ExtImage& i) { PutLe32(i.super() + 32, 9000); }},
+      {"groups not starting after the superblock", 1024, 2048, 1024, 32,
+       [](ExtImage& i) { PutLe32(i.super() + 20, 2047); }},
+      {"a bitmap outside the volume", 1024, 2048, 1024, 32, [](ExtImage& i) { PutLe32(i.descriptor(1), 5000); }},
+      {"a bitmap beyond block 2^32", 4096, 4096, 2048, 64, [](ExtImage& i) { PutLe32(i.descriptor(1) + 0x20, 1); }},
+      {"a descriptor size not a power of two", 4096, 4096, 2048, 64,
+       [](ExtImage& i) { PutLe16(i.super() + 254, 48); }},
+      {"more blocks than the device holds", 1024, 2048, 1024, 32, [](ExtImage& i) { PutLe32(i.super() + 4, 4096); }},
+  };
+  for (const auto& c : cases) {
+    ExtImage image(c.blockSize, c.blocks, c.perGroup, c.descriptorSize);
+    c.damage(image);
+    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 1 << 20).result, -1) << c.what;
   }
 }
 

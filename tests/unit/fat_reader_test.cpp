@@ -78,20 +78,14 @@ TEST(FatReaderTest, ReadsTheActiveFatWhenMirroringIsOff) {
 }
 
 TEST(FatReaderTest, CorruptBootSectorsAreRefused) {
-  {
-    FatImage image(1, 32, 2000);
-    PutLe32(image.boot() + 36, 1);  // a FAT of one sector holds 128 entries, not 1968
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 64).result, -1);
-  }
-  {
-    FatImage image(1, 32, 2000);
-    PutLe16(image.boot() + 14, 2000);  // data area past the end
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 64).result, -1);
-  }
-  {
-    FatImage image(3, 32, 2000);  // three sectors per cluster: not FAT at all
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 64).result, 0);
-  }
+  FatImage shortFat(1, 32, 2000);
+  PutLe32(shortFat.boot() + 36, 1);  // a FAT of one sector holds 128 entries, not 1968
+  EXPECT_EQ(WalkUsedBlocks(shortFat.bytes(), 64).result, -1);
+  FatImage pastTheEnd(1, 32, 2000);
+  PutLe16(pastTheEnd.boot() + 14, 2000);  // data area past the end
+  EXPECT_EQ(WalkUsedBlocks(pastTheEnd.bytes(), 64).result, -1);
+  FatImage notFat(3, 32, 2000);  // three sectors per cluster: not FAT at all
+  EXPECT_EQ(WalkUsedBlocks(notFat.bytes(), 64).result, 0);
 }
 
 }  // namespace

@@ -5,13 +5,10 @@
 #include <linux/falloc.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
-#include <sys/mount.h>
-
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <tuple>
@@ -23,114 +20,7 @@
 namespace orv {
 namespace {
 
-constexpr uint64_t kExt4Magic = 0xEF53;
 constexpr uint64_t kTmpfsMagic = 0x01021994;
-
-// COW-like files on the real file system under /tmp, and a private agent database
-// so that the skipper's log lines can be read back.
-class FileSkipperTest : public AgentRootTest {
- protected:
-  void SetUp() override {
-    ASSERT_NO_FATAL_FAILURE(AgentRootTest::SetUp());
-    dir_ = root_.root();
-    struct statfs info;
-    ASSERT_EQ(statfs(dir_.c_str(), &info), 0);
-    if (static_cast<uint64_t>(info.f_type) != kExt4Magic) GTEST_SKIP() << "/tmp is not ext2/3/4 here";
-    blockSize_ = static_cast<uint64_t>(info.f_bsize);
-  }
-
-  // Writes one block of data at each of `blocks` (file block numbers), leaving
-  // holes in between, and makes sure every block has its place on disk.
-  std::string WriteFile(const std::string& name, const std::vector<uint64_t>& blocks) {
-    std::string path = dir_ + "/" + name;
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    EXPECT_GE(fd, 0);
-    std::vector<char> data(blockSize_, 'x');
-    for (uint64_t b : blocks) {
-      EXPECT_EQ(pwrite(fd, data.data(), data.size(), static_cast<off_t>(b * blockSize_)),
-                static_cast<ssize_t>(data.size()));
-    }
-    EXPECT_EQ(fsync(fd), 0);
-    close(fd);
-    return path;
-  }
-
-  static uint64_t Physical(const std::string& path, uint64_t block) {
-    int fd = open(path.c_str(), O_RDONLY);
-    auto b = static_cast<int>(block);
-    int rc = ioctl(fd, FIBMAP, &b);
-    close(fd);
-    return rc == 0 ? static_cast<uint64_t>(b) : 0;
-  }
-
-  std::string dir_;
-  uint64_t blockSize_ = 0;
-};
-
-TEST_F(FileSkipperTest, SkipsTheBlocksOfASparseFileButNeverItsHoles) {
-  std::string path = WriteFile("cow", {0, 1, 2, 10, 11});
-  FileSkipper skipper({path}, "backup-1", false);
-  EXPECT_FALSE(skipper.built());
-  uint64_t first = Physical(path, 0);
-  ASSERT_NE(first, 0u);
-  EXPECT_TRUE(skipper.IsCowFileBlock(first, blockSize_));
-  EXPECT_TRUE(skipper.built());
-  for (uint64_t b : {0, 1, 2, 10, 11}) EXPECT_TRUE(skipper.IsCowFileBlock(Physical(path, b), blockSize_)) << b;
-  // Holes map to physical 0, which is never a COW block.
-  EXPECT_FALSE(skipper.IsCowFileBlock(0, blockSize_));
-  uint64_t extentBlocks = 0;
-  for (const auto& [lo, hi] : skipper.extents()) extentBlocks += hi - lo + 1;
-  EXPECT_EQ(extentBlocks, 5u);
-  EXPECT_EQ(skipper.extentCount(), skipper.extents().size());
-  EXPECT_TRUE(Logged("Creating cow file block list...", kDebug));
-  EXPECT_TRUE(Logged("Loading block list for " + path, kDebug));
-  EXPECT_TRUE(Logged("Skipping 5 out of 12 blocks " + std::to_string(5 * blockSize_) + " out of " +
-                                 std::to_string(12 * blockSize_) + " bytes", kDebug));
-  EXPECT_TRUE(Logged("Finished creating cow file block list.", kDebug));
-}
-
-TEST_F(FileSkipperTest, BlockSizeMismatchSkipsNothing) {
-  std::string path = WriteFile("cow", {0, 1});
-  FileSkipper skipper({path}, "backup-1", false);
-  uint64_t other = blockSize_ == 1024 ? 4096 : 1024;
-  EXPECT_FALSE(skipper.IsCowFileBlock(Physical(path, 0), other));
-  EXPECT_TRUE(skipper.extents().empty());
-  EXPECT_TRUE(Logged("Unable to skip blocks for " + path + ", error: Block size mismatch, device: " +
-                                 std::to_string(other) + " fibgetbz: " + std::to_string(blockSize_), kError));
-}
-
-TEST_F(FileSkipperTest, DisabledSkipperNeverBuilds) {
-  std::string path = WriteFile("cow", {0});
-  FileSkipper skipper({path}, "backup-1", true);
-  EXPECT_FALSE(skipper.IsCowFileBlock(Physical(path, 0), blockSize_));
-  EXPECT_FALSE(skipper.built());
-  EXPECT_TRUE(LoggedMessages("", 0, "backup-1").empty());
-}
-
-TEST_F(FileSkipperTest, UnreadableFileIsLoggedAndTheNextOneStillLoads) {
-  std::string missing = dir_ + "/missing";
-  std::string path = WriteFile("cow1", {3});
-  FileSkipper skipper({missing, path}, "backup-1", false);
-  EXPECT_TRUE(skipper.IsCowFileBlock(Physical(path, 3), blockSize_));
-  EXPECT_TRUE(Logged("Unable to skip blocks for " + missing + ", error: Unable to open: " + missing, kError));
-}
-
-TEST_F(FileSkipperTest, FileSystemWithoutBlockMappingSkipsNothing) {
-  struct statfs info;
-  if (statfs("/dev/shm", &info) != 0 || static_cast<uint64_t>(info.f_type) != kTmpfsMagic) {
-    GTEST_SKIP() << "no tmpfs at /dev/shm";
-  }
-  char name[] = "/dev/shm/orv-cow-XXXXXX";
-  int fd = mkstemp(name);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(write(fd, "data", 4), 4);
-  close(fd);
-  FileSkipper skipper({name}, "backup-1", false);
-  EXPECT_FALSE(skipper.IsCowFileBlock(1, blockSize_));
-  unlink(name);
-  EXPECT_TRUE(skipper.extents().empty());
-  EXPECT_TRUE(Logged("File block identification not supported. Not skipping files on backup.", kInfo));
-}
 
 // The list as the skipper built it before it learnt extents: FIBMAP for every block of
 // each file, in file order.
@@ -197,9 +87,7 @@ class FileSkipperExtentTest : public AgentRootTest,
     std::vector<char> data(blocks * blockSize_, 'c');
     ASSERT_EQ(pwrite(fd, data.data(), data.size(), static_cast<off_t>(at * blockSize_)),
               static_cast<ssize_t>(data.size()));
-    if (sync) {
-      ASSERT_EQ(fsync(fd), 0);
-    }
+    EXPECT_TRUE(!sync || fsync(fd) == 0);
     close(fd);
   }
   // False where the file system cannot preallocate (ext2/3 layouts).
@@ -279,12 +167,20 @@ TEST_P(FileSkipperExtentTest, ExtentListEqualsTheBlockByBlockList) {
 
   std::vector<std::string> paths;
   for (const std::string& name : names) paths.push_back(Path(name));
-  // The new list first, so that it is the one that meets the unsynced file.
+  // The list is built on the first question, before the block-by-block list, so that it is
+  // the one that meets the unsynced file; holes map to physical 0, never a COW block.
   FileSkipper skipper(paths, "backup-x", false);
-  skipper.BuildBlockList(blockSize_);
+  EXPECT_FALSE(skipper.built());
+  EXPECT_FALSE(skipper.IsCowFileBlock(0, blockSize_));
+  EXPECT_TRUE(skipper.built());
   BlockByBlock expected = MapBlockByBlock(paths, blockSize_);
   EXPECT_EQ(skipper.extents(), expected.extents) << type_;
   EXPECT_EQ(skipper.extentCount(), expected.extents.size());
+  for (const auto& [lo, hi] : expected.extents) {
+    EXPECT_TRUE(skipper.IsCowFileBlock(lo, blockSize_) && skipper.IsCowFileBlock(hi, blockSize_)) << lo;
+  }
+  EXPECT_TRUE(Logged("Creating cow file block list...", kDebug));
+  EXPECT_TRUE(Logged("Finished creating cow file block list.", kDebug));
   std::vector<std::string> skipping = LoggedMessages("Skipping ", kDebug, "backup-x");
   ASSERT_EQ(skipping.size(), paths.size());
   for (size_t i = 0; i < paths.size(); ++i) {
@@ -296,10 +192,39 @@ TEST_P(FileSkipperExtentTest, ExtentListEqualsTheBlockByBlockList) {
                                std::to_string(blocks * blockSize_) + " bytes")
         << names[i];
   }
-  // The layouts that matter were there to be compared: mapped blocks, and more extents
-  // than files (holes, fragments).
+  // The layouts that matter were there: mapped blocks, more extents than files.
   EXPECT_EQ(expected.mapped[0], 300u);
   EXPECT_GT(expected.extents.size(), paths.size() + 10);
+
+  // A block-size mismatch, a disabled skipper, a missing file and a file system without
+  // block mapping each skip nothing and say why; the next file still loads.
+  uint64_t other = blockSize_ == 1024 ? 4096 : 1024;
+  FileSkipper mismatch({paths[0]}, "backup-1", false);
+  EXPECT_FALSE(mismatch.IsCowFileBlock(expected.extents[0].first, other));
+  EXPECT_TRUE(mismatch.extents().empty());
+  EXPECT_TRUE(Logged("Unable to skip blocks for " + paths[0] + ", error: Block size mismatch, device: " +
+                     std::to_string(other) + " fibgetbz: " + std::to_string(blockSize_), kError));
+  FileSkipper disabled({paths[0]}, "backup-2", true);
+  EXPECT_FALSE(disabled.IsCowFileBlock(expected.extents[0].first, blockSize_));
+  EXPECT_FALSE(disabled.built());
+  EXPECT_TRUE(LoggedMessages("", 0, "backup-2").empty());
+  std::string missing = Path("missing");
+  FileSkipper oneMissing({missing, paths[0]}, "backup-1", false);
+  EXPECT_TRUE(oneMissing.IsCowFileBlock(expected.extents[0].first, blockSize_));
+  EXPECT_TRUE(Logged("Unable to skip blocks for " + missing + ", error: Unable to open: " + missing, kError));
+  struct statfs info;
+  ASSERT_EQ(statfs("/dev/shm", &info), 0);
+  ASSERT_EQ(static_cast<uint64_t>(info.f_type), kTmpfsMagic);
+  char name[] = "/dev/shm/orv-cow-XXXXXX";
+  fd = mkstemp(name);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(write(fd, "data", 4), 4);
+  close(fd);
+  FileSkipper tmpfs({name}, "backup-1", false);
+  EXPECT_FALSE(tmpfs.IsCowFileBlock(1, blockSize_));
+  unlink(name);
+  EXPECT_TRUE(tmpfs.extents().empty());
+  EXPECT_TRUE(Logged("File block identification not supported. Not skipping files on backup.", kInfo));
 }
 
 INSTANTIATE_TEST_SUITE_P(ExtFlavours, FileSkipperExtentTest,
@@ -307,32 +232,27 @@ INSTANTIATE_TEST_SUITE_P(ExtFlavours, FileSkipperExtentTest,
                                            std::make_tuple("ext4", ""), std::make_tuple("ext4", "-O inline_data"),
                                            std::make_tuple("ext4", "-b 1024")));
 
-TEST(FileSkipperExtentsTest, BlocksMergeOnlyWithTheBlockBeforeThemInFileOrder) {
+// Blocks merge only with the block before them in file order; a run is its blocks one by one.
+TEST(FileSkipperExtentsTest, BlocksAndRunsMergeOnlyWithTheBlockBefore) {
   FileSkipper skipper({}, "", false);
   uint64_t count = 0;
   for (uint64_t block : {5, 6, 7, 0, 8, 3, 2, 1, 9}) skipper.AddBlock(block, count);
   EXPECT_EQ(count, 8u);
-  std::vector<FileSkipper::Extent> expected = {{5, 8}, {3, 3}, {2, 2}, {1, 1}, {9, 9}};
-  EXPECT_EQ(skipper.extents(), expected);
+  EXPECT_EQ(skipper.extents(), (std::vector<FileSkipper::Extent>{{5, 8}, {3, 3}, {2, 2}, {1, 1}, {9, 9}}));
   EXPECT_EQ(skipper.extentCount(), 5u);
-}
 
-TEST(FileSkipperExtentsTest, AddingARunEqualsAddingItsBlocksOneByOne) {
-  FileSkipper byRun({}, "", false);
-  FileSkipper byBlock({}, "", false);
-  uint64_t runCount = 0;
-  uint64_t blockCount = 0;
+  FileSkipper byRun({}, "", false), byBlock({}, "", false);
+  uint64_t runCount = 0, blockCount = 0;
   // (first, blocks): continuing the last block, a fresh start, one from block 0, an empty run.
-  std::vector<std::pair<uint64_t, uint64_t>> runs = {{10, 3}, {13, 2}, {0, 4}, {4, 1}, {20, 0}, {7, 1}, {100, 5}};
-  for (auto [first, blocks] : runs) {
+  for (auto [first, blocks] : std::vector<std::pair<uint64_t, uint64_t>>{
+           {10, 3}, {13, 2}, {0, 4}, {4, 1}, {20, 0}, {7, 1}, {100, 5}}) {
     byRun.AddBlocks(first, blocks, runCount);
     for (uint64_t b = first; b < first + blocks; ++b) byBlock.AddBlock(b, blockCount);
   }
   EXPECT_EQ(byRun.extents(), byBlock.extents());
   EXPECT_EQ(byRun.extentCount(), byBlock.extentCount());
   EXPECT_EQ(runCount, blockCount);
-  std::vector<FileSkipper::Extent> expected = {{10, 14}, {1, 4}, {7, 7}, {100, 104}};
-  EXPECT_EQ(byRun.extents(), expected);
+  EXPECT_EQ(byRun.extents(), (std::vector<FileSkipper::Extent>{{10, 14}, {1, 4}, {7, 7}, {100, 104}}));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <functional>
 #include <random>
 #include <set>
 #include <vector>
@@ -69,8 +70,7 @@ TEST(HfsReaderTest, ReadsTheAllocationFileAcrossItsExtents) {
 
 TEST(HfsReaderTest, RefusesWhatItCannotReadWhole) {
   {
-    // The allocation file continues in the extents overflow file.
-    HfsImage image;
+    HfsImage image;  // the allocation file continues in the extents overflow file
     PutBe32(image.header() + 112 + 12, 3);
     PutBe64(image.header() + 112, 3 * HfsImage::kBlockSize);
     PutBe32(image.header() + 112 + 28, 0);
@@ -78,28 +78,24 @@ TEST(HfsReaderTest, RefusesWhatItCannotReadWhole) {
     EXPECT_EQ(WalkUsedBlocks(image.bytes(), 16).result, -1);
     EXPECT_EQ(errno, EOPNOTSUPP);
   }
-  {
-    HfsImage image;  // an allocation file too small for the volume
-    PutBe64(image.header() + 112, 100);
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 16).result, -1);
+  const struct {
+    const char* what;
+    std::function<void(uint8_t*)> damage;
+  } cases[] = {
+      {"an allocation file too small for the volume", [](uint8_t* h) { PutBe64(h + 112, 100); }},
+      {"an extent past the last block", [](uint8_t* h) { PutBe32(h + 112 + 24, HfsImage::kBlocks); }},
+      {"a block size not a power of two", [](uint8_t* h) { PutBe32(h + 40, 1000); }},
+  };
+  for (const auto& c : cases) {
+    HfsImage image;
+    c.damage(image.header());
+    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 16).result, -1) << c.what;
   }
-  {
-    HfsImage image;  // an extent past the last block
-    PutBe32(image.header() + 112 + 24, HfsImage::kBlocks);
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 16).result, -1);
-  }
-  {
-    HfsImage image;  // block size not a power of two
-    PutBe32(image.header() + 40, 1000);
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 16).result, -1);
-  }
-  {
-    HfsImage image;  // an HFS standard wrapper is not HFS+
-    PutBe16(image.header(), 0x4244);
-    UsedBlockWalk walk = WalkUsedBlocks(image.bytes(), 16);
-    EXPECT_EQ(walk.result, 0);
-    EXPECT_TRUE(walk.used.empty());
-  }
+  HfsImage wrapper;  // an HFS standard wrapper is not HFS+
+  PutBe16(wrapper.header(), 0x4244);
+  UsedBlockWalk walk = WalkUsedBlocks(wrapper.bytes(), 16);
+  EXPECT_EQ(walk.result, 0);
+  EXPECT_TRUE(walk.used.empty());
 }
 
 }  // namespace

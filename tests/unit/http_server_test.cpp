@@ -15,9 +15,8 @@
 namespace orv {
 namespace {
 
-// The start of the server up to the TLS setup, on an agent directory of its own: the
-// port configuration and the certificate files. Serving over TLS is exercised by the
-// system tests with certificates made per run.
+// The server's start up to the TLS setup: the port configuration and the certificate
+// files. Serving over TLS is exercised by the system tests.
 class HttpServerStart : public AgentRootTest {
  protected:
   void Write(const std::string& name) { std::ofstream(root_.etc() + "/certs/" + name) << "-----BEGIN NOTHING-----\n"; }
@@ -29,16 +28,14 @@ class HttpServerStart : public AgentRootTest {
   AgentAPI api_{nullptr};
 };
 
-TEST_F(HttpServerStart, AbsentPortIsNotWritten) {
-  HttpServer server(&api_);
-  EXPECT_FALSE(server.start());
-  EXPECT_TRUE(Logged("Port configuration not set - using default."));
-  EXPECT_EQ(Config("rest_port"), "<absent>");
-  EXPECT_EQ(server.port(), 25567);
-  EXPECT_FALSE(server.running());
-}
-
 TEST_F(HttpServerStart, InvalidPortsAreReplacedAndValidOnesTaken) {
+  {
+    HttpServer server(&api_);
+    EXPECT_FALSE(server.start());
+    EXPECT_TRUE(Logged("Port configuration not set - using default."));
+    EXPECT_EQ(Config("rest_port"), "<absent>");  // an absent port is not written
+    EXPECT_EQ(server.port(), 25567);
+  }
   for (const char* value : {"0", "65536", "abc", "", "-1", "4294967296"}) {
     ASSERT_TRUE(set_config("rest_port", value));
     HttpServer server(&api_);
@@ -59,36 +56,32 @@ TEST_F(HttpServerStart, InvalidPortsAreReplacedAndValidOnesTaken) {
 
 TEST_F(HttpServerStart, EachMissingCertificateFileIsNamedWithTheEffectiveDirectory) {
   HttpServer server(&api_);
-  EXPECT_FALSE(server.start());
-  EXPECT_TRUE(Logged("Could not start Zelko Linux Agent. Certificate key (server.key) not found in " + root_.etc() +
-                     "/certs.\n"));
-  Write("server.key");
-  EXPECT_FALSE(server.start());
-  EXPECT_TRUE(Logged("Could not start Zelko Linux Agent. PEM format certificate (server.pem) not found in " + root_.etc() +
-                     "/certs.\n"));
-  Write("server.pem");
-  EXPECT_FALSE(server.start());
-  EXPECT_TRUE(Logged("Could not start Zelko Linux Agent. Authority certificate (ca.crt) not found in " + root_.etc() +
-                     "/certs.\n"));
+  for (auto [file, line] : {
+           std::pair<const char*, const char*>{
+               "server.key", "Could not start Zelko Linux Agent. Certificate key (server.key) not found in "},
+           {"server.pem", "Could not start Zelko Linux Agent. PEM format certificate (server.pem) not found in "},
+           {"ca.crt", "Could not start Zelko Linux Agent. Authority certificate (ca.crt) not found in "}}) {
+    EXPECT_FALSE(server.start());
+    EXPECT_TRUE(Logged(line + root_.etc() + "/certs.\n")) << file;
+    Write(file);
+  }
   // All three present but unusable: the library refuses them.
-  Write("ca.crt");
   EXPECT_FALSE(server.start());
   EXPECT_FALSE(server.running());
 }
 
-TEST_F(HttpServerStart, FailedRestartOnAConfiguredPortGoesBackToTheDefault) {
+TEST_F(HttpServerStart, RestartsGoBackToTheDefaultPortAndNeverRaiseAStoppedServer) {
   ASSERT_TRUE(set_config("rest_port", "8443"));
-  HttpServer server(&api_);
-  server.restart(false);
-  EXPECT_EQ(Config("rest_port"), "25567");
-  EXPECT_FALSE(Logged("Could not restart api server. Trying again in 5 seconds..."));
-}
-
-TEST_F(HttpServerStart, StoppedServerIsNotRestarted) {
-  HttpServer server(&api_);
-  server.stop();
+  {
+    HttpServer server(&api_);
+    server.restart(false);
+    EXPECT_EQ(Config("rest_port"), "25567");
+    EXPECT_FALSE(Logged("Could not restart api server. Trying again in 5 seconds..."));
+  }
   ASSERT_TRUE(set_config("rest_port", "8443"));
-  server.restart(true);
+  HttpServer stopped(&api_);
+  stopped.stop();
+  stopped.restart(true);
   // Nothing was tried: the configuration is untouched and no retry was armed.
   EXPECT_EQ(Config("rest_port"), "8443");
   EXPECT_FALSE(Logged("Http server restart in 5 secs..."));

@@ -18,10 +18,9 @@
 
 namespace orv {
 
-// libiscsi loses the task of a synchronous command whose session dies under it, and a
-// little of a login that the target hangs up on: at most about 200 bytes per lost
-// session, which no caller can reach. Tests that cut sessions on purpose run those calls
-// under this so that the leak checker still watches everything else.
+// libiscsi loses up to ~200 bytes per session that dies under a synchronous command or
+// login, out of any caller's reach: tests that cut sessions on purpose run those calls
+// under this, so that the leak checker still watches everything else.
 class LibiscsiSessionLossLeaks {
  public:
 #if defined(__SANITIZE_ADDRESS__)
@@ -35,7 +34,7 @@ class LibiscsiSessionLossLeaks {
   LibiscsiSessionLossLeaks& operator=(const LibiscsiSessionLossLeaks&) = delete;
 };
 
-// Deterministic content: byte i of a pattern seeded with `seed`.
+// Deterministic content: bytes [start, start + length) of a pattern seeded with `seed`.
 inline void FillPattern(unsigned char* buffer, size_t length, uint64_t seed, uint64_t start = 0) {
   uint64_t state = seed * 0x9E3779B97F4A7C15ULL + 1;
   for (size_t i = 0; i < length; ++i) {
@@ -52,7 +51,7 @@ inline std::vector<unsigned char> Pattern(size_t length, uint64_t seed) {
   return data;
 }
 
-// Bytes of a LUN's backing file, read beside tgtd.
+// Bytes of a file (a LUN's backing file, a snapshot), read or written beside tgtd.
 inline std::vector<unsigned char> ReadBacking(const std::string& path, uint64_t offset, size_t length) {
   std::vector<unsigned char> data(length);
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -70,12 +69,13 @@ inline bool WriteBacking(const std::string& path, uint64_t offset, const std::ve
   return n == static_cast<ssize_t>(data.size());
 }
 
-// An agent root with a fresh database (so that log events can be read back) and a private tgtd serving target 1 with one file-backed LUN 1.
+// An agent root (so that log lines can be read back) and a private tgtd serving target 1
+// with one file-backed LUN 1 of `lunBytes`.
 class IscsiTargetTest : public AgentRootTest {
  protected:
   static constexpr const char* kIqn = "iqn.2024-01.net.orv.test:image";
 
-  explicit IscsiTargetTest(uint64_t lunBytes = 32ull << 20, bool tuned = false) : lunBytes_(lunBytes), tgtd_(tuned) {}
+  explicit IscsiTargetTest(uint64_t lunBytes = 32ull << 20) : lunBytes_(lunBytes) {}
 
   void SetUp() override {
     ASSERT_NO_FATAL_FAILURE(AgentRootTest::SetUp());

@@ -11,7 +11,7 @@
 #include "daemon/logger.h"
 #include "store/database.h"
 #include "store/log_table.h"
-#include "tests/unit/agent_root.h"
+#include "tests/unit/test_support.h"
 
 namespace orv {
 namespace {
@@ -56,11 +56,7 @@ std::string Kept(int32_t cutoff) {
          " OR strftime( '%s', datetm ) IS NULL";
 }
 
-class LogPruneTest : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_TRUE(root_.initialiseDatabase()); }
-  AgentRoot root_;
-};
+using LogPruneTest = AgentRootTest;
 
 // A month of old rows written by another process, then the agent's own events while the
 // retention's edge moves through the old rows, other writers and hand-made rows between:

@@ -60,15 +60,15 @@ TEST(NtfsReaderTest, DataRunsAreRelativeSignedAndBounded) {
 
   ExtentMap small(4096, 75);  // the last run ends at cluster 78, past the volume
   EXPECT_NE(NtfsReader::DecodeRuns(runs, sizeof(runs), &small), "");
-  const uint8_t negative[] = {0x11, 0x04, 0x80, 0x00};  // to cluster -128
-  ExtentMap m1(4096, 1000);
-  EXPECT_NE(NtfsReader::DecodeRuns(negative, sizeof(negative), &m1), "");
-  const uint8_t truncated[] = {0x48, 0x01, 0x02};  // header promises 12 more bytes
-  ExtentMap m2(4096, 1000);
-  EXPECT_NE(NtfsReader::DecodeRuns(truncated, sizeof(truncated), &m2), "");
-  const uint8_t wide[] = {0x19, 0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0x01};  // 9-byte length field
-  ExtentMap m3(4096, 1000);
-  EXPECT_NE(NtfsReader::DecodeRuns(wide, sizeof(wide), &m3), "");
+  const std::vector<std::vector<uint8_t>> bad = {
+      {0x11, 0x04, 0x80, 0x00},                    // to cluster -128
+      {0x48, 0x01, 0x02},                          // the header promises 12 more bytes
+      {0x19, 0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0x01},  // a 9-byte length field
+  };
+  for (const auto& run : bad) {
+    ExtentMap fresh(4096, 1000);
+    EXPECT_NE(NtfsReader::DecodeRuns(run.data(), run.size(), &fresh), "") << int(run[0]);
+  }
 }
 
 // A small volume formatted by mkntfs, held in memory.

@@ -33,15 +33,14 @@ int CountOpenFds() {
   return count;
 }
 
-// The processes for which `match(state, parent, group)` holds.
+// The processes for which `match(state, parent, group)` holds (from /proc/<pid>/stat).
 template <typename Match>
 std::vector<pid_t> Processes(Match match) {
   std::vector<pid_t> found;
   for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
     std::string name = entry.path().filename();
     if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    std::ifstream stat(entry.path() / "stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    std::string text = ReadText(entry.path() / "stat");
     size_t close = text.rfind(')');
     char state;
     int ppid;
@@ -92,6 +91,11 @@ class PrePostScriptTest : public AgentRootTest {
 };
 
 TEST_F(PrePostScriptTest, ScanTakesRegularFilesWithTheirDisplayNames) {
+  std::list<PrePostScript> scripts;
+  EXPECT_TRUE(PrePostScript::loadScripts(scripts));
+  EXPECT_TRUE(scripts.empty());
+  EXPECT_TRUE(LoggedContaining("No pre/post scripts found.", kInfo));
+
   WriteScript("b-db.sh", "## DISPLAYNAME: Flush the database  \r\necho x");
   WriteScript("a-plain.sh", "# DISPLAYNAME: not this one\n##DISPLAYNAME: nor this\necho y");
   WriteScript("c-empty-name.sh", "## DISPLAYNAME: \n## DISPLAYNAME: Second wins\n");
@@ -99,8 +103,6 @@ TEST_F(PrePostScriptTest, ScanTakesRegularFilesWithTheirDisplayNames) {
   ASSERT_EQ(mkfifo((scripts_ + "/fifo").c_str(), 0644), 0);
   ASSERT_EQ(symlink("/nonexistent/target", (scripts_ + "/dangling").c_str()), 0);
   ASSERT_EQ(symlink("b-db.sh", (scripts_ + "/d-link").c_str()), 0);
-
-  std::list<PrePostScript> scripts;
   ASSERT_TRUE(PrePostScript::loadScripts(scripts));
   std::vector<std::pair<std::string, std::string>> found;
   for (const PrePostScript& script : scripts) found.emplace_back(script.fileName(), script.displayName());
@@ -109,13 +111,7 @@ TEST_F(PrePostScriptTest, ScanTakesRegularFilesWithTheirDisplayNames) {
                                                                      {"c-empty-name.sh", "Second wins"},
                                                                      {"d-link", "Flush the database"}}));
   EXPECT_TRUE(LoggedContaining("Could not stat pre/post script dangling.", kWarning));
-}
 
-TEST_F(PrePostScriptTest, ScanOfEmptyOrMissingDirectory) {
-  std::list<PrePostScript> scripts;
-  EXPECT_TRUE(PrePostScript::loadScripts(scripts));
-  EXPECT_TRUE(scripts.empty());
-  EXPECT_TRUE(LoggedContaining("No pre/post scripts found.", kInfo));
   std::filesystem::remove_all(scripts_);
   EXPECT_FALSE(PrePostScript::loadScripts(scripts));
   EXPECT_TRUE(LoggedContaining("Could not open pre/post scripts directory.", kError));
@@ -181,7 +177,7 @@ TEST_F(PrePostScriptTest, ScriptWithoutMarkerStopsAtItsTimeout) {
   EXPECT_TRUE(LoggedContaining("runpre failed reading script output, errno: 110", kError));
 }
 
-TEST_F(PrePostScriptTest, MissingScriptIsReportedNotFound) {
+TEST_F(PrePostScriptTest, ScriptNamesAreNeverShellText) {
   PrePostScript missing("no-such-script.sh", 10);
   EXPECT_EQ(missing.displayName(), "no-such-script.sh");
   auto start = Clock::now();
@@ -189,9 +185,6 @@ TEST_F(PrePostScriptTest, MissingScriptIsReportedNotFound) {
   EXPECT_LT(SecondsSince(start), 3.0);
   EXPECT_EQ(missing.outcome(), Outcome::kNotFound);
   EXPECT_TRUE(LoggedContaining("Pre/Post Script 'no-such-script.sh' not found", kError));
-}
-
-TEST_F(PrePostScriptTest, ScriptNamesAreNeverShellText) {
   WriteScript("it's a script.sh", "echo PRE-DONE");
   PrePostScript quoted("it's a script.sh", 10);
   EXPECT_TRUE(RunOne(quoted));
@@ -280,20 +273,6 @@ TEST_F(PrePostScriptTest, WorksWhenSigchldIsIgnored) {
   EXPECT_EQ(blockedMask, 0u);
   EXPECT_EQ(ignored & ((1ull << (SIGCHLD - 1)) | (1ull << (SIGPIPE - 1))), 0u);
   ASSERT_EQ(sigaction(SIGCHLD, &previous, nullptr), 0);
-}
-
-TEST_F(PrePostScriptTest, ScriptCanBeRunAgainAndDefaultTimeoutApplies) {
-  WriteScript("again.sh", "echo \"run $1\"\necho PRE-DONE");
-  PrePostScript script("again.sh", 0);
-  EXPECT_EQ(script.timeout(), PrePostScript::kDefaultTimeoutSeconds);
-  EXPECT_EQ(PrePostScript("again.sh", -5).timeout(), PrePostScript::kDefaultTimeoutSeconds);
-  EXPECT_EQ(script.outcome(), Outcome::kIdle);
-  EXPECT_TRUE(RunOne(script));
-  EXPECT_TRUE(script.startPre());
-  script.join();
-  EXPECT_EQ(script.outcome(), Outcome::kDone);
-  EXPECT_EQ(script.output(), "run PRE\n");
-  EXPECT_TRUE(PrePostScript::runPhase({}, Phase::kPre, ""));
 }
 
 }  // namespace

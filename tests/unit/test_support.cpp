@@ -41,25 +41,6 @@ bool LoggedContaining(const std::string& part, int level) {
                      [&](const std::string& message) { return message.find(part) != std::string::npos; });
 }
 
-void PutLe16(uint8_t* p, uint16_t v) {
-  p[0] = v & 0xFF;
-  p[1] = v >> 8;
-}
-void PutLe32(uint8_t* p, uint32_t v) {
-  for (int i = 0; i < 4; ++i) p[i] = (v >> (8 * i)) & 0xFF;
-}
-void PutBe16(uint8_t* p, uint16_t v) {
-  p[0] = v >> 8;
-  p[1] = v & 0xFF;
-}
-void PutBe32(uint8_t* p, uint32_t v) {
-  for (int i = 0; i < 4; ++i) p[i] = (v >> (24 - 8 * i)) & 0xFF;
-}
-void PutBe64(uint8_t* p, uint64_t v) {
-  PutBe32(p, static_cast<uint32_t>(v >> 32));
-  PutBe32(p + 4, static_cast<uint32_t>(v));
-}
-
 UsedBlockWalk WalkUsedBlocks(std::vector<uint8_t>& image, uint64_t bufferBytes) {
   MemoryBlockSource source(image.data(), image.size());
   UsedBlockWalk walk;

@@ -32,11 +32,11 @@ bool Logged(const std::string& message, int level = 0);
 bool LoggedContaining(const std::string& part, int level = 0);
 
 // Little- and big-endian fields of hand-built file-system images.
-void PutLe16(uint8_t* p, uint16_t v);
-void PutLe32(uint8_t* p, uint32_t v);
-void PutBe16(uint8_t* p, uint16_t v);
-void PutBe32(uint8_t* p, uint32_t v);
-void PutBe64(uint8_t* p, uint64_t v);
+inline void PutLe16(uint8_t* p, uint16_t v) { p[0] = v & 0xFF; p[1] = v >> 8; }
+inline void PutLe32(uint8_t* p, uint32_t v) { PutLe16(p, v & 0xFFFF); PutLe16(p + 2, v >> 16); }
+inline void PutBe16(uint8_t* p, uint16_t v) { p[0] = v >> 8; p[1] = v & 0xFF; }
+inline void PutBe32(uint8_t* p, uint32_t v) { PutBe16(p, v >> 16); PutBe16(p + 2, v & 0xFFFF); }
+inline void PutBe64(uint8_t* p, uint64_t v) { PutBe32(p, v >> 32); PutBe32(p + 4, v & 0xFFFFFFFF); }
 
 // A whole image walked through GetUsedBlockBitmap in pieces of `bufferBytes`.
 struct UsedBlockWalk {

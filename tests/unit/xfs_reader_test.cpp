@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <functional>
 #include <set>
 #include <utility>
 #include <vector>
@@ -135,43 +136,25 @@ TEST(XfsReaderTest, WrappedFreeListStaysUsed) {
 }
 
 TEST(XfsReaderTest, CorruptBtreesEndTheWalk) {
-  {
-    XfsImage image(true);
-    image.Node(0, 4, {5, 5});  // the same leaf twice
+  const struct {
+    const char* what;
+    bool v5;
+    std::function<void(XfsImage&)> damage;
+  } cases[] = {
+      {"the same leaf twice", true, [](XfsImage& i) { i.Node(0, 4, {5, 5}); }},
+      {"a node that points back at itself", true, [](XfsImage& i) { i.Node(0, 4, {5, 4}); }},
+      {"a leaf where the root expects level 0", false, [](XfsImage& i) { i.Header(1, 6, 1, 1); }},
+      {"a free extent past the end of the AG", true, [](XfsImage& i) { i.Leaf(1, 6, {{200, 100}}); }},
+      {"more records than the block holds", true, [](XfsImage& i) { i.Header(0, 6, 0, 2000); }},
+      {"a v5 block that is not where it says", true, [](XfsImage& i) { PutBe64(i.block(0, 5) + 16, 0); }},
+      {"three AGs in two AGs' worth of blocks", true, [](XfsImage& i) { PutBe32(i.bytes().data() + 88, 3); }},
+  };
+  for (const auto& c : cases) {
+    XfsImage image(c.v5);
+    c.damage(image);
     errno = 0;
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 1 << 10).result, -1);
-    EXPECT_EQ(errno, EUCLEAN);
-  }
-  {
-    XfsImage image(true);
-    image.Node(0, 4, {5, 4});  // a node that points back at itself
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 1 << 10).result, -1);
-  }
-  {
-    XfsImage image(false);
-    image.Header(1, 6, 1, 1);  // a leaf where the root expects level 0
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 1 << 10).result, -1);
-  }
-  {
-    XfsImage image(true);
-    image.Leaf(1, 6, {{200, 100}});  // a free extent past the end of the AG
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 1 << 10).result, -1);
-  }
-  {
-    XfsImage image(true);
-    image.Leaf(0, 6, {});
-    image.Header(0, 6, 0, 2000);  // more records than the block holds
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 1 << 10).result, -1);
-  }
-  {
-    XfsImage image(true);
-    PutBe64(image.block(0, 5) + 16, 0);  // a v5 block that is not where it says it is
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 1 << 10).result, -1);
-  }
-  {
-    XfsImage image(true);
-    PutBe32(image.bytes().data() + 88, 3);  // three AGs in two AGs' worth of blocks
-    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 1 << 10).result, -1);
+    EXPECT_EQ(WalkUsedBlocks(image.bytes(), 1 << 10).result, -1) << c.what;
+    EXPECT_EQ(errno, EUCLEAN) << c.what;
   }
 }
 

