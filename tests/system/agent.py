@@ -1,9 +1,4 @@
-"""Runs orvd as a process on a temporary agent root.
-
-Every agent gets its own configuration directory and PID file through the ORVD_*
-variables, so tests never touch /etc/zelko, /var/run or /proc and can run side by
-side.
-"""
+"""orvd as a process on a temporary root: the ORVD_* variables keep it off /etc/zelko, /var/run and /proc."""
 import os
 import signal
 import socket
@@ -23,8 +18,7 @@ ORVD = os.environ.get("ORVD_BIN", os.path.join(SOURCE_DIR, "build", "orvd"))
 
 
 def free_port():
-    """A TCP port that nothing on this machine listens on right now (all addresses,
-    as the agent binds them)."""
+    """A TCP port free right now on all addresses (as the agent binds them)."""
     with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
         s.bind(("0.0.0.0", 0))
         return s.getsockname()[1]
@@ -54,7 +48,7 @@ def wait_for(predicate, timeout=30, interval=0.1, what="condition"):
 
 
 class Agent:
-    def __init__(self, root, extra_env=None):
+    def __init__(self, root):
         self.root = str(root)
         self.etc_dir = os.path.join(self.root, "etc")
         self.cert_dir = os.path.join(self.etc_dir, "certs")
@@ -71,19 +65,14 @@ class Agent:
         })
         # Leaks are reported by the unit tests; a daemon killed by a test is not a leak.
         self.env.setdefault("ASAN_OPTIONS", "detect_leaks=0")
-        if extra_env:
-            self.env.update(extra_env)
         self.process = None
         self.output_path = os.path.join(self.root, "orvd.out")
         self.port = None
 
     # -- identity -------------------------------------------------------------------
-    def install_identity(self, authority, hostname="localhost"):
-        key, cert = authority.server_identity(hostname)
-        self.write_cert_files(key, cert, authority.pem)
-
-    def write_cert_files(self, key, cert, ca):
-        for name, text in (("server.key", key), ("server.pem", cert), ("ca.crt", ca)):
+    def install_identity(self, authority):
+        key, cert = authority.server_identity()
+        for name, text in (("server.key", key), ("server.pem", cert), ("ca.crt", authority.pem)):
             with open(os.path.join(self.cert_dir, name), "w") as f:
                 f.write(text)
 
@@ -117,8 +106,7 @@ class Agent:
         return self.process
 
     def serve(self, port=None, timeout=30):
-        """Sets rest_port through the real set_config command (a free port unless one
-        is given), starts the daemon and waits until it accepts TLS there."""
+        """Sets rest_port with set_config (a free port by default), starts, waits for TLS there."""
         self.port = port or free_port()
         self.set_config("rest_port", self.port)
         self.start(timeout=timeout)
@@ -133,9 +121,7 @@ class Agent:
         wait_for(up, timeout=timeout, what="orvd to accept TLS on port %d" % port)
 
     def client(self, cert_files=None, port=None, ca=None, timeout=60):
-        """An appliance client for this agent: cert_files is (cert_path, key_path) or
-        None for a client without a certificate; the agent's certificate is verified
-        against its own ca.crt unless `ca` names another file."""
+        """cert_files: (cert, key) or None; the agent is verified against its ca.crt unless `ca` is given."""
         cert, key = cert_files if cert_files else (None, None)
         return ApplianceClient("127.0.0.1", port or self.port, cert=cert, key=key,
                                ca=ca or os.path.join(self.cert_dir, "ca.crt"), timeout=timeout)
@@ -193,8 +179,7 @@ class Agent:
 
     # -- database -------------------------------------------------------------------
     def query(self, sql, params=()):
-        # Closed at once: a connection left to the garbage collector keeps the file open
-        # (and the file system that holds it busy) for an unknown time.
+        # Closed at once: left to the collector it keeps the file system busy.
         db = sqlite3.connect(self.db_path, timeout=30)
         try:
             with db:
