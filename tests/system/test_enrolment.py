@@ -16,8 +16,6 @@ from cryptography.x509.oid import NameOID
 import ca_server
 from agent import free_port, wait_for
 
-IDENTITY = ("server.key", "server.pem", "ca.crt")
-
 
 @pytest.fixture
 def ca(tmp_path):
