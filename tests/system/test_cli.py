@@ -4,7 +4,7 @@ import shutil
 import signal
 import tempfile
 
-from agent import free_port
+from agent import free_port, wait_for
 
 USAGE = (
     "orvd version 1.0.16\n\n"
@@ -69,7 +69,7 @@ def test_configuration_commands_print_exact_texts_and_exit_one(agent):
 def test_daemon_display_level_lock_and_orderly_stop(agent):
     # A command word that is not first starts the daemon.
     first = start_daemon(agent, "--level", "3", "get_config")
-    agent.wait_output("Log level: 3")
+    wait_for(lambda: "Log level: 3" in agent.output(), what="the level line")
     pid_text = open(agent.pid_file).read()
     assert pid_text == str(first.pid)
     second = agent.run("-d")

@@ -197,14 +197,6 @@ def test_a_bad_answer_fails_start_up_and_leaves_no_certificate(enrolling, ca, ac
     assert_next_start_enrols(enrolling, ca)
 
 
-def test_a_wrong_agent_token_is_refused(tmp_path, agent_root):
-    with ca_server.CertificateAuthorityServer(state_dir=tmp_path / "ca", token="x" * 46) as ca:
-        agent_root.env["ORVD_CA_URL"] = ca.url
-        failed_start(agent_root)
-        assert_logged(agent_root, [r"CSR response error: Invalid agent key\."])
-        assert "server.pem" not in present(agent_root)
-
-
 def test_a_ca_certificate_answer_without_certificate_keeps_the_old_ca_file(enrolling, ca):
     with open(cert_path(enrolling, "ca.crt"), "w") as f:
         f.write("previous authority\n")

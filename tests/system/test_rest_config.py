@@ -95,31 +95,6 @@ def test_unusable_port_falls_back_to_the_default(running_agent, paired_client):
     assert running_agent.stop() == 0
 
 
-def test_invalid_port_configuration_is_replaced_at_start(agent, authority, client_files):
-    # Every invalid value is a unit case of the server's start; here the end-to-end one.
-    agent.set_config("rest_port", "65536")
-    agent.start(wait=False)
-    wait_for(lambda: "Invalid port configuration - using default." in agent.output(), timeout=20, what="the warning")
-    assert agent.config("rest_port") == "25567"
-    client = agent.client(client_files(authority, 1), port=DEFAULT_PORT)
-
-    def outcome():  # 25567 is ours now, or another agent's on this machine (then the start fails)
-        if agent.process.poll() is not None:
-            return "exited"
-        try:
-            return client.get_config()
-        except ConnectionFailure:
-            return None
-
-    result = wait_for(outcome, timeout=20, what="the start on the default port")
-    if result == "exited":
-        assert agent.process.returncode == 1
-        assert "Could not start Zelko Linux Agent. Failed to initialize HTTP server." in agent.output()
-    else:
-        assert result.status == 401
-        assert agent.stop() == 0
-
-
 def test_unusable_server_key_ends_the_start(agent):
     with open(os.path.join(agent.cert_dir, "server.key"), "w") as f:
         f.write("not a key\n")

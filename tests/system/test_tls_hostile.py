@@ -3,6 +3,7 @@ certificates expired, not yet valid or from an impostor, connections that hold a
 without finishing a request. Each is refused the agent's way (no HTTP answer, or 401) and
 none keeps the appliance waiting. ORV_LONG_DRILLS=1 also waits out the 120-second timeout.
 """
+import contextlib
 import datetime
 import multiprocessing
 import os
@@ -42,41 +43,35 @@ def tls_context(cert_files=None, version=None):
     return context
 
 
-class Watch:
-    """The appliance asking for its configuration over and over on another thread."""
+@contextlib.contextmanager
+def watching(client):
+    """The appliance asking for its configuration over and over on another thread; at the
+    end every answer must have been right and prompt. Yields the latencies."""
+    expected, latencies, problems, stopping = client.get_config().body, [], [], threading.Event()
 
-    def __init__(self, client):
-        self.client, self.expected = client, client.get_config().body
-        self.latencies, self.problems = [], []
-        self.stopping = threading.Event()
-        self.thread = threading.Thread(target=self._run)
-
-    def _run(self):
-        while not self.stopping.is_set():
+    def run():
+        while not stopping.is_set():
             started = time.monotonic()
             try:
-                response = self.client.get_config()
-                if (response.status, response.body) != (200, self.expected):
-                    self.problems.append(repr(response))
+                response = client.get_config()
+                if (response.status, response.body) != (200, expected):
+                    problems.append(repr(response))
             except ConnectionFailure as e:
-                self.problems.append(str(e))
-            self.latencies.append(time.monotonic() - started)
+                problems.append(str(e))
+            latencies.append(time.monotonic() - started)
             time.sleep(0.05)
-
-    def __enter__(self):
-        self.thread.start()
-        return self
-
-    def __exit__(self, *exc):
-        self.stopping.set()
-        self.thread.join(60)
-
-    def check(self):
-        assert self.problems == []
-        # A few answers in every window (the shortest lasts about seven seconds; under
-        # ThreadSanitizer an answer takes over a second), none slow.
-        assert len(self.latencies) >= 3, self.latencies
-        assert max(self.latencies) < PATIENCE, sorted(self.latencies)[-5:]
+    thread = threading.Thread(target=run)
+    thread.start()
+    try:
+        yield latencies
+    finally:
+        stopping.set()
+        thread.join(60)
+    assert problems == []
+    # A few answers in every window (the shortest lasts about seven seconds; under
+    # ThreadSanitizer an answer takes over a second), none slow.
+    assert len(latencies) >= 3, latencies
+    assert max(latencies) < PATIENCE, sorted(latencies)[-5:]
 
 
 def test_only_tls_1_2_and_1_3_are_spoken(paired_client, running_agent, authority, client_files):
@@ -117,9 +112,8 @@ def test_renegotiation_ends_the_connection_without_an_answer(paired_client, runn
             process.kill()
             return process.communicate()[0]
 
-    with Watch(paired_client) as watch:
+    with watching(paired_client):
         outputs = [attempt() for _ in range(3)]
-    watch.check()
     for out in outputs:
         assert "Secure Renegotiation IS supported" in out and "RENEGOTIATING" in out, out[-2000:]
         assert "HTTP/1.1" not in out, out[-2000:]
@@ -177,7 +171,7 @@ def test_refused_callers_do_not_stall_the_appliance(paired_client, running_agent
     workers = [context.Process(target=_hostile, args=(kind, running_agent.port, files, 10, results), daemon=True)
                for kind, files in kinds.items()]
     try:
-        with Watch(paired_client) as watch:
+        with watching(paired_client) as latencies:
             for worker in workers:
                 worker.start()
             outcomes = [results.get(timeout=120) for _ in workers]
@@ -190,12 +184,11 @@ def test_refused_callers_do_not_stall_the_appliance(paired_client, running_agent
     counts = {kind: attempts for kind, attempts, _ in outcomes}
     assert [w for _, _, wrong in outcomes for w in wrong] == []
     assert all(counts.values()), counts
-    watch.check()
     for line in ("Invalid peer certificate during request.", "Certificate issuer mismatch during request.",
                  "Unauthorized device id: 7", "Invalid method during request."):
         assert line in running_agent.logs(), line
     print("\nrefused while the appliance was served: %s; appliance answers: %d, slowest %.3f s" % (
-        counts, len(watch.latencies), max(watch.latencies)))
+        counts, len(latencies), max(latencies)))
 
 
 class Loris:
@@ -249,18 +242,17 @@ def test_slow_and_silent_connections_do_not_stall_the_appliance(paired_client, r
     loris = Loris(running_agent.port, client_files(authority, 42))
     try:
         loris.open()
-        with Watch(paired_client) as watch:
+        with watching(paired_client) as latencies:
             time.sleep(10)
         # Thread per connection: each held connection has its own, and others served the appliance.
         held = agent_threads(running_agent) - idle_threads
         assert held >= len(loris.sockets), (held, len(loris.sockets))
-        watch.check()
         assert loris.closed_early == []
     finally:
         loris.close()
     wait_for(lambda: agent_threads(running_agent) <= idle_threads + 1, timeout=30, what="the connection threads to end")
     print("\n%d held connections took %d agent threads; the appliance got %d answers, slowest %.3f s" % (
-        len(loris.sockets), held, len(watch.latencies), max(watch.latencies)))
+        len(loris.sockets), held, len(latencies), max(latencies)))
 
 
 @pytest.mark.skipif(not LONG, reason="waits out the 120-second connection timeout; set ORV_LONG_DRILLS=1")
