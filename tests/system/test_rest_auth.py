@@ -59,22 +59,6 @@ def test_pair_document_cases(running_agent, appliance):
     assert "Pair request. Device id: 12" in running_agent.logs()
 
 
-def test_callers_without_an_accepted_certificate_get_no_response(running_agent, authority, twin_authority,
-                                                                  foreign_authority, client_files):
-    assert running_agent.client(client_files(authority, 1)).pair(42).status == 201
-    running_agent.set_config("log_level", 3)
-    running_agent.set_config("log_days_to_keep", 30)
-    for files, line in [(None, "Invalid peer certificate during request."),
-                        (client_files(foreign_authority, 42), "Certificate issuer mismatch during request."),
-                        (client_files(authority, ""), "Invalid device id during request.")]:  # empty CN
-        with pytest.raises(ConnectionFailure):
-            running_agent.client(files).get_config()
-        assert line in running_agent.logs()
-    # Another authority whose CN, O and OU are the same passes the issuer test.
-    assert running_agent.client(client_files(twin_authority, 42)).get_config().status == 200
-    assert running_agent.client(client_files(authority, 42)).get_config().status == 200
-
-
 def _raw_request(port, cert_files, pieces, read=True):
     """Sends raw bytes over mutual TLS; returns what came back before the agent closed."""
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
@@ -94,10 +78,21 @@ def _raw_request(port, cert_files, pieces, read=True):
     return received
 
 
-def test_methods_and_bodies_the_agent_does_not_serve_get_no_response(running_agent, appliance, authority,
-                                                                     client_files):
+def test_callers_methods_and_bodies_the_agent_does_not_accept_get_no_response(
+        running_agent, appliance, authority, twin_authority, foreign_authority, client_files):
     client = appliance(42)
     assert client.pair(42).status == 201
+    running_agent.set_config("log_level", 3)
+    running_agent.set_config("log_days_to_keep", 30)
+    for files, line in [(None, "Invalid peer certificate during request."),
+                        (client_files(foreign_authority, 42), "Certificate issuer mismatch during request."),
+                        (client_files(authority, ""), "Invalid device id during request.")]:  # empty CN
+        with pytest.raises(ConnectionFailure):
+            running_agent.client(files).get_config()
+        assert line in running_agent.logs()
+    # Another authority whose CN, O and OU are the same passes the issuer test.
+    assert running_agent.client(client_files(twin_authority, 42)).get_config().status == 200
+
     for method in ("PATCH", "HEAD", "OPTIONS"):
         with pytest.raises(ConnectionFailure):
             client.request(method, "/config")
