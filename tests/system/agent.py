@@ -1,9 +1,4 @@
-"""Runs orvd as a process on a temporary agent root.
-
-Every agent gets its own configuration directory and PID file through the ORVD_*
-variables, so tests never touch /etc/zelko, /var/run or /proc and can run side by
-side.
-"""
+"""orvd as a process on a temporary root: the ORVD_* variables keep it off /etc/zelko, /var/run and /proc."""
 import os
 import signal
 import socket
@@ -23,22 +18,20 @@ ORVD = os.environ.get("ORVD_BIN", os.path.join(SOURCE_DIR, "build", "orvd"))
 
 
 def free_port():
-    """A TCP port that nothing on this machine listens on right now (all addresses,
-    as the agent binds them)."""
+    """A TCP port free right now on all addresses (as the agent binds them)."""
     with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
         s.bind(("0.0.0.0", 0))
         return s.getsockname()[1]
 
 
-def accepts_tls(port, host="127.0.0.1", timeout=2):
+def accepts_tls(port):
     """True when a TLS handshake on the port completes."""
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
     context.check_hostname = False
     context.verify_mode = ssl.CERT_NONE
     try:
-        with socket.create_connection((host, port), timeout=timeout) as raw:
-            with context.wrap_socket(raw):
-                return True
+        with socket.create_connection(("127.0.0.1", port), timeout=2) as raw, context.wrap_socket(raw):
+            return True
     except (OSError, ssl.SSLError):
         return False
 
@@ -54,40 +47,29 @@ def wait_for(predicate, timeout=30, interval=0.1, what="condition"):
 
 
 class Agent:
-    def __init__(self, root, extra_env=None):
+    def __init__(self, root):
         self.root = str(root)
         self.etc_dir = os.path.join(self.root, "etc")
         self.cert_dir = os.path.join(self.etc_dir, "certs")
         self.pid_file = os.path.join(self.root, "orvd.pid")
         self.db_path = os.path.join(self.etc_dir, "orvd.sqlite")
-        os.makedirs(self.cert_dir, exist_ok=True)
-        self.env = dict(os.environ)
-        self.env.update({
-            "ORVD_ETC_DIR": self.etc_dir,
-            "ORVD_PID_FILE": self.pid_file,
-            "ORVD_DRIVER_INFO": os.path.join(self.root, "zelko-info"),
-            "ORVD_DRIVER_DEV": os.path.join(self.root, "dev", "zelko"),
-            "ORVD_CA_URL": "https://127.0.0.1:9/certApi.php",
-        })
-        # Leaks are reported by the unit tests; a daemon killed by a test is not a leak.
-        self.env.setdefault("ASAN_OPTIONS", "detect_leaks=0")
-        if extra_env:
-            self.env.update(extra_env)
-        self.process = None
         self.output_path = os.path.join(self.root, "orvd.out")
+        os.makedirs(self.cert_dir, exist_ok=True)
+        # Leaks are reported by the unit tests; a daemon killed by a test is not a leak.
+        self.env = dict({"ASAN_OPTIONS": "detect_leaks=0"}, **os.environ)
+        self.env.update(ORVD_ETC_DIR=self.etc_dir, ORVD_PID_FILE=self.pid_file,
+                        ORVD_DRIVER_INFO=os.path.join(self.root, "zelko-info"),
+                        ORVD_DRIVER_DEV=os.path.join(self.root, "dev", "zelko"),
+                        ORVD_CA_URL="https://127.0.0.1:9/certApi.php")
+        self.process = None
         self.port = None
 
-    # -- identity -------------------------------------------------------------------
-    def install_identity(self, authority, hostname="localhost"):
-        key, cert = authority.server_identity(hostname)
-        self.write_cert_files(key, cert, authority.pem)
-
-    def write_cert_files(self, key, cert, ca):
-        for name, text in (("server.key", key), ("server.pem", cert), ("ca.crt", ca)):
+    def install_identity(self, authority):
+        key, cert = authority.server_identity()
+        for name, text in (("server.key", key), ("server.pem", cert), ("ca.crt", authority.pem)):
             with open(os.path.join(self.cert_dir, name), "w") as f:
                 f.write(text)
 
-    # -- commands -------------------------------------------------------------------
     def run(self, *args, timeout=60, user=None):
         """Runs orvd to completion (commands, help, failing starts)."""
         return subprocess.run([ORVD] + list(args), env=self.env, cwd=self.root, capture_output=True, text=True,
@@ -98,47 +80,40 @@ class Agent:
         assert result.returncode == 1, result.stdout + result.stderr
         return result
 
-    # -- daemon ---------------------------------------------------------------------
+    def _check_running(self):
+        if self.process is not None and self.process.poll() is not None:
+            raise RuntimeError("orvd exited with %d:\n%s" % (self.process.returncode, self.output()))
+
     def start(self, *args, wait=True, timeout=30):
-        """Starts orvd -d in the foreground; waits for its PID file."""
-        out = open(self.output_path, "a")
-        self.process = subprocess.Popen([ORVD, "-d"] + list(args), env=self.env, cwd=self.root, stdout=out,
-                                        stderr=subprocess.STDOUT, text=True)
-        out.close()
+        """Starts orvd -d in the foreground; waits for its PID file unless told not to."""
+        with open(self.output_path, "a") as out:
+            self.process = subprocess.Popen([ORVD, "-d"] + list(args), env=self.env, cwd=self.root, stdout=out,
+                                            stderr=subprocess.STDOUT, text=True)
+
+        def took_pid_file():
+            self._check_running()
+            return os.path.exists(self.pid_file) and open(self.pid_file).read().strip() == str(self.process.pid)
         if wait:
-            deadline = time.time() + timeout
-            while time.time() < deadline:
-                if self.process.poll() is not None:
-                    raise RuntimeError("orvd exited with %d:\n%s" % (self.process.returncode, self.output()))
-                if os.path.exists(self.pid_file) and open(self.pid_file).read().strip() == str(self.process.pid):
-                    return self.process
-                time.sleep(0.05)
-            raise RuntimeError("orvd did not take its PID file:\n" + self.output())
+            wait_for(took_pid_file, timeout=timeout, interval=0.05, what="orvd to take its PID file")
         return self.process
 
-    def serve(self, port=None, timeout=30):
-        """Sets rest_port through the real set_config command (a free port unless one
-        is given), starts the daemon and waits until it accepts TLS there."""
-        self.port = port or free_port()
+    def serve(self):
+        """Sets a free rest_port with set_config, starts, waits for TLS there."""
+        self.port = free_port()
         self.set_config("rest_port", self.port)
-        self.start(timeout=timeout)
-        self.wait_listening(self.port, timeout=timeout)
+        self.start()
+        self.wait_listening(self.port)
         return self.port
 
     def wait_listening(self, port, timeout=30):
-        def up():
-            if self.process is not None and self.process.poll() is not None:
-                raise RuntimeError("orvd exited with %d:\n%s" % (self.process.returncode, self.output()))
-            return accepts_tls(port)
-        wait_for(up, timeout=timeout, what="orvd to accept TLS on port %d" % port)
+        wait_for(lambda: self._check_running() or accepts_tls(port), timeout=timeout,
+                 what="orvd to accept TLS on port %d" % port)
 
-    def client(self, cert_files=None, port=None, ca=None, timeout=60):
-        """An appliance client for this agent: cert_files is (cert_path, key_path) or
-        None for a client without a certificate; the agent's certificate is verified
-        against its own ca.crt unless `ca` names another file."""
-        cert, key = cert_files if cert_files else (None, None)
+    def client(self, cert_files=None, port=None, timeout=60):
+        """cert_files: (cert, key), or None for a client without one; the agent is verified against its ca.crt."""
+        cert, key = cert_files or (None, None)
         return ApplianceClient("127.0.0.1", port or self.port, cert=cert, key=key,
-                               ca=ca or os.path.join(self.cert_dir, "ca.crt"), timeout=timeout)
+                               ca=os.path.join(self.cert_dir, "ca.crt"), timeout=timeout)
 
     def config(self, key):
         rows = self.query("SELECT value FROM config WHERE name = ?", (key,))
@@ -152,22 +127,12 @@ class Agent:
             return ""
 
     def sanitizer_report(self):
-        """The AddressSanitizer or UBSan report in the daemon's output, if any."""
         text = self.output()
-        for marker in ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:",
-                       "WARNING: ThreadSanitizer"):
-            at = text.find(marker)
-            if at >= 0:
+        for marker in ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:", "WARNING: ThreadSanitizer"):
+            if marker in text:
+                at = text.find(marker)
                 return text[max(0, at - 200):at + 4000]
         return ""
-
-    def wait_output(self, text, timeout=30):
-        deadline = time.time() + timeout
-        while time.time() < deadline:
-            if text in self.output():
-                return True
-            time.sleep(0.05)
-        raise AssertionError("%r not in output:\n%s" % (text, self.output()))
 
     def stop(self, sig=signal.SIGTERM, timeout=60):
         """Signals the daemon we started and waits for it; returns its exit status."""
@@ -178,11 +143,9 @@ class Agent:
             try:
                 self.process.wait(timeout=timeout)
             except subprocess.TimeoutExpired:
-                self.process.kill()
-                self.process.wait()
+                self.kill()
                 raise
-        code = self.process.returncode
-        self.process = None
+        code, self.process = self.process.returncode, None
         return code
 
     def kill(self):
@@ -191,10 +154,8 @@ class Agent:
             self.process.wait()
         self.process = None
 
-    # -- database -------------------------------------------------------------------
     def query(self, sql, params=()):
-        # Closed at once: a connection left to the garbage collector keeps the file open
-        # (and the file system that holds it busy) for an unknown time.
+        # Closed at once: left to the collector it keeps the file system busy.
         db = sqlite3.connect(self.db_path, timeout=30)
         try:
             with db:

@@ -2,13 +2,9 @@
 import os
 import shutil
 import signal
-import sqlite3
-import subprocess
 import tempfile
 
-import pytest
-
-from agent import free_port
+from agent import free_port, wait_for
 
 USAGE = (
     "orvd version 1.0.16\n\n"
@@ -38,88 +34,56 @@ def start_daemon(agent, *args):
     return agent.start(*args)
 
 
-def test_help_prints_usage_byte_for_byte(agent_root):
+def test_help_and_invalid_levels(agent_root):
     for option in ("-h", "--help"):
         result = agent_root.run(option)
-        assert result.returncode == 0
-        assert result.stdout == USAGE
-    # Help exits before anything else: no database was made.
+        assert (result.returncode, result.stdout) == (0, USAGE)
+    for level in ("0", "6", "abc"):
+        result = agent_root.run("-l", level)
+        assert (result.returncode, result.stdout) == (0, "Invalid log level: %s\n" % level)
+    # Both exit before anything else: no database was made.
     assert not os.path.exists(agent_root.db_path)
 
 
-@pytest.mark.parametrize("level", ["0", "6", "abc", "-1"])
-def test_invalid_levels_exit_zero(agent_root, level):
-    result = agent_root.run("-l", level)
-    assert result.returncode == 0
-    assert result.stdout == "Invalid log level: %s\n" % level
-
-
 def test_configuration_commands_print_exact_texts_and_exit_one(agent):
-    result = agent.run("get_config")
-    assert (result.returncode, result.stdout) == (1, "Current configuration settings:\n")
-
-    result = agent.run("set_config", "rest_port")
-    assert (result.returncode, result.stdout) == (1, "set_config requires a key and value.\n")
-    result = agent.run("set_config", "", "5")
-    assert (result.returncode, result.stdout) == (1, "set_config key invalid.\n")
-    result = agent.run("set_config", "k", "")
-    assert (result.returncode, result.stdout) == (1, "set_config value invalid.\n")
-
     hostile = "it's \"x\"; DROP TABLE config;"
-    result = agent.run("set_config", "note", hostile)
-    assert (result.returncode, result.stdout) == (1, "Setting config key note to %s\n" % hostile)
-    agent.set_config("cow_percent", 20)
-    result = agent.run("get_config")
-    assert result.stdout == "Current configuration settings:\nnote = %s\ncow_percent = 20\n" % hostile
-
-    # Values that look like options are values after a command word.
-    result = agent.run("set_config", "log_days_to_keep", "-1")
-    assert (result.returncode, result.stdout) == (1, "Setting config key log_days_to_keep to -1\n")
-    agent.run("delete_config", "log_days_to_keep")
-
-    result = agent.run("delete_config")
-    assert (result.returncode, result.stdout) == (1, "delete_config requires a key.\n")
-    result = agent.run("delete_config", "")
-    assert (result.returncode, result.stdout) == (1, "delete_config key invalid.\n")
-    result = agent.run("delete_config", "note")
-    assert (result.returncode, result.stdout) == (1, "Deleting config key note\n")
+    for args, out in [
+            (["get_config"], "Current configuration settings:\n"),
+            (["set_config", "rest_port"], "set_config requires a key and value.\n"),
+            (["set_config", "", "5"], "set_config key invalid.\n"),
+            (["set_config", "k", ""], "set_config value invalid.\n"),
+            (["set_config", "note", hostile], "Setting config key note to %s\n" % hostile),
+            (["set_config", "cow_percent", "20"], "Setting config key cow_percent to 20\n"),
+            (["get_config"], "Current configuration settings:\nnote = %s\ncow_percent = 20\n" % hostile),
+            # Values that look like options are values after a command word.
+            (["set_config", "log_days_to_keep", "-1"], "Setting config key log_days_to_keep to -1\n"),
+            (["delete_config", "log_days_to_keep"], "Deleting config key log_days_to_keep\n"),
+            (["delete_config"], "delete_config requires a key.\n"),
+            (["delete_config", ""], "delete_config key invalid.\n"),
+            (["delete_config", "note"], "Deleting config key note\n")]:
+        result = agent.run(*args)
+        assert (result.returncode, result.stdout) == (1, out), args
     assert agent.query("SELECT name, value FROM config") == [("cow_percent", "20")]
 
 
-def test_display_flag_and_level_threshold(agent):
-    start_daemon(agent, "--level", "3")
-    agent.wait_output("Log level: 3")
-    agent.stop()
-    out = agent.output()
-    assert "Log to display on." in out
-    # INFO is stored but not shown under -l 3.
-    assert "[INFO] Shutting down" not in out
-    assert "Shutting down" in agent.logs()
-
-
-def test_command_word_not_first_starts_the_daemon(agent):
-    start_daemon(agent, "get_config")
-    assert agent.process.poll() is None
-    assert agent.stop() == 0
-
-
-def test_second_instance_is_refused_and_sigterm_cleans_up(agent):
-    first = start_daemon(agent)
+def test_daemon_display_level_lock_and_orderly_stop(agent):
+    # A command word that is not first starts the daemon.
+    first = start_daemon(agent, "--level", "3", "get_config")
+    wait_for(lambda: "Log level: 3" in agent.output(), what="the level line")
     pid_text = open(agent.pid_file).read()
     assert pid_text == str(first.pid)
-    second = subprocess.run([os.environ.get("ORVD_BIN"), "-d"], env=agent.env, capture_output=True, text=True,
-                            timeout=60)
+    second = agent.run("-d")
     assert second.returncode == 1
     assert second.stdout.endswith("Could not start Zelko Linux Agent. An instance of the service is already running.\n")
     assert open(agent.pid_file).read() == pid_text
     assert agent.stop(signal.SIGTERM) == 0
     assert not os.path.exists(agent.pid_file)
-    logs = agent.logs()
+    out, logs = agent.output(), agent.logs()
+    assert "Log to display on." in out
+    assert "[INFO] Shutting down" not in out  # INFO is stored but not shown under -l 3
     assert logs.index("Shutting down") < logs.index("All backups cancelled")
 
-
-def test_stale_pid_file_is_taken_over_and_missing_directory_refused(agent):
-    open(agent.pid_file, "w").write("999999")
+    open(agent.pid_file, "w").write("999999")  # stale: taken over
     start_daemon(agent)
     assert agent.stop(signal.SIGINT) == 0
     agent.env["ORVD_PID_FILE"] = os.path.join(agent.root, "missing", "orvd.pid")
@@ -142,31 +106,27 @@ def test_non_root_gets_root_message_after_database_exists(agent):
         shutil.rmtree(etc)
 
 
-def test_unusable_database_stops_start_up(agent):
-    with open(agent.db_path, "w") as f:
-        f.write("not a database " * 200)
-    result = agent.run("get_config")
-    assert result.returncode == 1
-    assert result.stdout == "Could not start Zelko Linux Agent. Failed to initialize sqlite3 database.\n"
-    os.remove(agent.db_path)
-    os.mkdir(agent.db_path)  # a directory where the file should be
-    result = agent.run("get_config")
-    assert result.stdout == "Could not start Zelko Linux Agent. Failed to initialize sqlite3 database.\n"
-
-
-def test_database_versions(agent):
+def test_database_versions_and_unusable_database(agent):
     agent.run("get_config")
     assert agent.query("SELECT name FROM sqlite_master WHERE type = 'table' AND name != 'sqlite_sequence' "
                        "ORDER BY name") == [("about",), ("config",), ("device",), ("history",), ("logs",)]
     assert agent.query("SELECT version FROM about") == [("1.0.0",)]
-    with sqlite3.connect(agent.db_path) as db:
-        db.execute("UPDATE about SET version = '2.0.0'")
-        db.execute("INSERT INTO config (name, value) VALUES ('kept', 'yes')")
+    agent.query("UPDATE about SET version = '2.0.0'")
+    agent.query("INSERT INTO config (name, value) VALUES ('kept', 'yes')")
     agent.run("get_config")
     assert agent.query("SELECT version FROM about") == [("2.0.0",)]
     assert agent.query("SELECT value FROM config WHERE name = 'kept'") == [("yes",)]
-    with sqlite3.connect(agent.db_path) as db:
-        db.execute("DELETE FROM about")
+    agent.query("DELETE FROM about")
     agent.run("get_config")
     assert agent.query("SELECT version FROM about") == [("1.0.0",)]
     assert agent.query("SELECT * FROM config") == []
+
+    os.remove(agent.db_path)
+    with open(agent.db_path, "w") as f:
+        f.write("not a database " * 200)
+    failed = "Could not start Zelko Linux Agent. Failed to initialize sqlite3 database.\n"
+    result = agent.run("get_config")
+    assert (result.returncode, result.stdout) == (1, failed)
+    os.remove(agent.db_path)
+    os.mkdir(agent.db_path)  # a directory where the file should be
+    assert agent.run("get_config").stdout == failed

@@ -1,13 +1,10 @@
-"""Load: many appliance clients poll the backup status over mutual TLS, each with a new
-connection per request, while full backups run back to back. No request may fail, the
-agent's resident memory must stay flat, and the copies' slowdown against the same copies
-without pollers is measured.
+"""Load: appliance clients poll the backup status over mutual TLS, a new connection per
+request, while full backups run back to back. No request may fail, the agent's resident
+memory must stay flat, and the copies' slowdown against quiet ones is measured.
 
-Opt-in (minutes of full load): ORV_LOAD=1. scripts/load runs it on a release build.
-    ORV_LOAD_CLIENTS   concurrent clients (default 200)
-    ORV_LOAD_SECONDS   how long they poll (default 120)
-    ORV_LOAD_INTERVAL  each client's pause between requests in seconds (default 1.0)
-    ORV_LOAD_MIB       the volume copied by every backup (default 512)
+Opt-in (minutes of full load): ORV_LOAD=1; scripts/load runs it on a release build.
+ORV_LOAD_CLIENTS (200), ORV_LOAD_SECONDS (120), ORV_LOAD_INTERVAL (1.0 s between a
+client's requests), ORV_LOAD_MIB (512, the volume every backup copies).
 """
 import multiprocessing
 import os
@@ -19,48 +16,42 @@ import pytest
 
 from agent import ConnectionFailure
 
-ENABLED = os.environ.get("ORV_LOAD") == "1"
 CLIENTS = int(os.environ.get("ORV_LOAD_CLIENTS", "200"))
 SECONDS = float(os.environ.get("ORV_LOAD_SECONDS", "120"))
 INTERVAL = float(os.environ.get("ORV_LOAD_INTERVAL", "1.0"))
 VOLUME_MIB = int(os.environ.get("ORV_LOAD_MIB", "512"))
 THREADS_PER_PROCESS = 25
-STATES = ("active", "finished", "failed")
 
-pytestmark = pytest.mark.skipif(not ENABLED, reason="minutes of full load; set ORV_LOAD=1 or run scripts/load")
+pytestmark = pytest.mark.skipif(os.environ.get("ORV_LOAD") != "1",
+                                reason="minutes of full load; set ORV_LOAD=1 or run scripts/load")
 
 
 def _poller_process(port, files, ca, current, stop, threads, interval, results):
-    """`threads` clients in one process; puts (answers, failures, latencies) on results."""
+    """`threads` clients in one process; puts (answers, first failures, failures, [(end, latency)]) on results."""
     from agent import ApplianceClient, ConnectionFailure
 
-    answers = [0]
-    failures = []
-    latencies = []
+    answers, failures, latencies = [0], [], []
     lock = threading.Lock()
 
     def client_loop(number):
         client = ApplianceClient("127.0.0.1", port, cert=files[0], key=files[1], ca=ca, timeout=120)
-        # Spread the clients' first requests over one interval.
-        time.sleep(interval * number / threads)
+        time.sleep(interval * number / threads)  # first requests spread over one interval
         turn = number
         while not stop.is_set():
-            backup_id = current.value.decode()
-            path = "/backup" if turn % 4 == 0 else "/backup/" + backup_id
+            path = "/backup" if turn % 4 == 0 else "/backup/" + current.value.decode()
             turn += 1
-            started = time.monotonic()
-            problem = None
+            started, problem = time.monotonic(), None
             try:
                 response = client.request("GET", path)
                 if response.status != 200:
                     problem = "%s: %d %r" % (path, response.status, response.body[:200])
-                elif path != "/backup" and response.json().get("status") not in STATES:
+                elif path != "/backup" and response.json().get("status") not in ("active", "finished", "failed"):
                     problem = "%s: %r" % (path, response.body[:200])
             except (ConnectionFailure, ValueError) as e:
                 problem = "%s: %s" % (path, e)
-            elapsed = time.monotonic() - started
+            ended = time.monotonic()
             with lock:
-                latencies.append((started + elapsed, elapsed))
+                latencies.append((ended, ended - started))
                 if problem:
                     failures.append(problem)
                 else:
@@ -77,30 +68,7 @@ def _poller_process(port, files, ca, current, stop, threads, interval, results):
 
 def rss_kib(pid):
     with open("/proc/%d/status" % pid) as f:
-        for line in f:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1])
-    return 0
-
-
-class RssSampler:
-    def __init__(self, pid):
-        self.pid = pid
-        self.samples = []
-        self.stopping = threading.Event()
-        self.thread = threading.Thread(target=self._run)
-
-    def _run(self):
-        while not self.stopping.wait(1.0):
-            self.samples.append(rss_kib(self.pid))
-
-    def __enter__(self):
-        self.thread.start()
-        return self
-
-    def __exit__(self, *exc):
-        self.stopping.set()
-        self.thread.join()
+        return int(next(line for line in f if line.startswith("VmRSS:")).split()[1])
 
 
 def timed_backup(rig, volume, current=None):
@@ -119,61 +87,64 @@ def test_pollers_during_back_to_back_full_backups(rig, loop_volumes, client_file
     rig.agent.set_config("disable_usedblock", "Y")
     pid = rig.agent.process.pid
     files = client_files(authority, 42)
-
-    # Without pollers: the copy's own time (the first backup also warms the caches).
-    timed_backup(rig, volume)
+    timed_backup(rig, volume)  # warms the caches
     quiet = [timed_backup(rig, volume)]
 
+    # Spawned, not forked: a fork taken while a thread holds a lock leaves the child stuck.
     context = multiprocessing.get_context("spawn")
-    current = context.Array("c", 64)
-    stop = context.Event()
-    results = context.Queue()
+    current, stop, results = context.Array("c", 64), context.Event(), context.Queue()
     ca = os.path.join(rig.agent.cert_dir, "ca.crt")
-    processes = [context.Process(target=_poller_process,
-                                 args=(rig.agent.port, files, ca, current, stop, THREADS_PER_PROCESS, INTERVAL,
-                                       results))
-                 for _ in range((CLIENTS + THREADS_PER_PROCESS - 1) // THREADS_PER_PROCESS)]
-    # The appliance's own requests wait as long as the pollers' do.
-    rig.client = rig.agent.client(files, timeout=120)
-    loaded = []
-    control_failures = []
-    backup_id = rig.start([volume], forceCopyFull=True)
-    current.value = backup_id.encode()
-    assert rig.wait(backup_id, timeout=1800)["status"] == "finished"
-    for process in processes:
-        process.start()
-    started = time.monotonic()
-    with RssSampler(pid) as rss:
-        try:
-            while time.monotonic() - started < SECONDS:
-                try:
-                    loaded.append(timed_backup(rig, volume, current))
-                except ConnectionFailure as e:
-                    # The pollers go on for the whole time all the same.
-                    control_failures.append(str(e))
-                    stop.wait(max(0.0, SECONDS - (time.monotonic() - started)))
-                    break
-            threads_at_peak = len(os.listdir("/proc/%d/task" % pid))
-        finally:
-            stop.set()
-            outcomes = [results.get(timeout=300) for _ in processes]
-            for process in processes:
-                process.join(60)
+    processes = [context.Process(target=_poller_process, daemon=True, args=(
+        rig.agent.port, files, ca, current, stop, THREADS_PER_PROCESS, INTERVAL, results))
+        for _ in range((CLIENTS + THREADS_PER_PROCESS - 1) // THREADS_PER_PROCESS)]
+    rig.client = rig.agent.client(files, timeout=120)  # the appliance waits as long as the pollers
+    loaded, control_failures, samples = [], [], []
+    timed_backup(rig, volume, current)
+    sampling = threading.Event()
+
+    def sample():
+        while not sampling.wait(1.0):
+            samples.append(rss_kib(pid))
+    sampler = threading.Thread(target=sample)
+    try:
+        for process in processes:
+            process.start()
+        sampler.start()
+        started = time.monotonic()
+        while time.monotonic() - started < SECONDS:
+            try:
+                loaded.append(timed_backup(rig, volume, current))
+            except ConnectionFailure as e:
+                control_failures.append(str(e))  # the pollers go on all the same
+                stop.wait(max(0.0, SECONDS - (time.monotonic() - started)))
+                break
+        threads_at_peak = len(os.listdir("/proc/%d/task" % pid))
+        stop.set()
+        outcomes = [results.get(timeout=300) for _ in processes]
         polled = time.monotonic() - started
+        for process in processes:
+            process.join(60)
+    finally:
+        stop.set()
+        sampling.set()
+        if sampler.is_alive():
+            sampler.join()
+        for process in processes:
+            if process.is_alive():
+                process.kill()
 
     answers = sum(o[0] for o in outcomes)
-    failures = [f for o in outcomes for f in o[1]]
     failed = sum(o[2] for o in outcomes)
-    timeline = sorted(l for o in outcomes for l in o[3])
-    latencies = sorted(elapsed for _, elapsed in timeline) or [0.0]
+    failures = [f for o in outcomes for f in o[1]]
+    timeline = sorted(entry for o in outcomes for entry in o[3])
+    latencies = sorted(latency for _, latency in timeline) or [0.0]
     windows = [0] * (int(polled // 20) + 1)
     for ended, _ in timeline:
         windows[min(len(windows) - 1, max(0, int((ended - started) // 20)))] += 1
-    samples = rss.samples
     fifth = max(1, len(samples) // 5)
     early, late = statistics.median(samples[:fifth]), statistics.median(samples[-fifth:])
-    print("\n%d clients for %.0f s, one request each per %.1f s: %d answers (%.1f/s), %d failed; "
-          "latency median %.3f s, p99 %.3f s, max %.3f s; %d agent threads at the peak" % (
+    print("\n%d clients for %.0f s, one request each per %.1f s: %d answers (%.1f/s), %d failed; latency median "
+          "%.3f s, p99 %.3f s, max %.3f s; %d agent threads at the peak" % (
               CLIENTS, polled, INTERVAL, answers, answers / polled, failed, latencies[len(latencies) // 2],
               latencies[int(len(latencies) * 0.99)], latencies[-1], threads_at_peak))
     print("answers per second in 20 s windows: %s" % " ".join("%.1f" % (n / 20) for n in windows))
@@ -181,15 +152,13 @@ def test_pollers_during_back_to_back_full_backups(rig, loop_volumes, client_file
     print("RSS of orvd (MiB) while polled: first fifth median %.1f, last fifth median %.1f, min %.1f, max %.1f "
           "(%d samples)" % (early / 1024, late / 1024, min(samples) / 1024, max(samples) / 1024, len(samples)))
 
-    # The backup that was running when the pollers stopped ends first.
-    rig.wait(current.value.decode(), timeout=1800)
+    rig.wait(current.value.decode(), timeout=1800)  # the backup running when the pollers stopped
     after = [timed_backup(rig, volume)]
     assert rig.verify_image(volume) == []
     slowdown = statistics.median(loaded) / statistics.median(quiet + after) if loaded else float("nan")
-    print("full copy of %d MiB: quiet %s s, under load %s s (%d backups): slowdown x%.2f; RSS %.1f MiB after; "
-          "%d rows in the log table" % (
-              VOLUME_MIB, " ".join("%.1f" % t for t in quiet + after), " ".join("%.1f" % t for t in loaded),
-              len(loaded), slowdown, rss_kib(pid) / 1024, rig.agent.query("SELECT COUNT(*) FROM logs")[0][0]))
+    print("full copy of %d MiB: quiet %s s, under load %s s: slowdown x%.2f; RSS %.1f MiB after; %d log rows" % (
+        VOLUME_MIB, " ".join("%.1f" % t for t in quiet + after), " ".join("%.1f" % t for t in loaded), slowdown,
+        rss_kib(pid) / 1024, rig.agent.query("SELECT COUNT(*) FROM logs")[0][0]))
     assert control_failures == []
     assert failed == 0, failures
     assert len(loaded) >= 1

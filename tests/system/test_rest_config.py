@@ -3,56 +3,26 @@ import os
 import socket
 import time
 
-import pytest
-
 from agent import ConnectionFailure, accepts_tls, free_port, wait_for
 
 DEFAULT_PORT = 25567
 
 
-@pytest.fixture
-def paired(paired_client):
-    return paired_client
-
-
-def test_get_config_document_and_missing_key(running_agent, paired):
-    response = paired.get_config()
+def test_get_config_document_and_missing_key(running_agent, paired_client):
+    response = paired_client.get_config()
     assert (response.status, response.content_type) == (200, "application/json")
     expected = '{\n\t"rest_port" : %d,\n\t"log_days_to_keep" : 30,\n\t"log_level" : 3\n}' % running_agent.port
     assert response.body == expected.encode()
-
     running_agent.set_config("log_level", "4x")  # strtol reads the leading digits
-    assert paired.get_config().json()["log_level"] == 4
-
+    assert paired_client.get_config().json()["log_level"] == 4
     assert running_agent.run("delete_config", "log_level").returncode == 1
-    response = paired.get_config()
-    assert (response.status, response.body) == (500, b"")
+    assert (paired_client.get_config().status, paired_client.get_config().body) == (500, b"")
     assert "Get logs handler exception: Could not retrieve configurations." in running_agent.logs()
 
 
-def test_post_config_moves_the_server_to_the_new_port(running_agent, paired):
-    new_port = free_port()
-    posted = time.time()
-    response = paired.set_config(rest_port=new_port, log_days_to_keep="45", log_level=2)
-    assert (response.status, response.body, response.content_type) == (200, b"", "text/plain")
-    assert running_agent.config("rest_port") == str(new_port)
-    assert running_agent.config("log_days_to_keep") == "45"
-    assert running_agent.config("log_level") == "2"
-    assert "Http server restart in 5 secs..." in running_agent.logs()
-
-    wait_for(lambda: accepts_tls(new_port), timeout=20, what="the new port")
-    moved_after = time.time() - posted
-    assert 4.0 <= moved_after <= 12.0, moved_after
-    assert not accepts_tls(running_agent.port)
-    running_agent.port = new_port
-    response = paired.at(new_port).get_config()
-    assert response.json() == {"rest_port": new_port, "log_days_to_keep": 45, "log_level": 2}
-    assert "Setting server port to configuration: %d" % new_port in running_agent.logs()
-
-
-def test_config_body_cases(running_agent, paired):
+def test_post_config_bodies_restart_and_move_the_server(running_agent, paired_client):
     def post(body):
-        return paired.request("POST", "/config", body)
+        return paired_client.request("POST", "/config", body)
 
     for body in ["{", '{"rest_port": 1', "[1, 2]", "", '"text"']:
         assert post(body).status == 400, body
@@ -67,22 +37,38 @@ def test_config_body_cases(running_agent, paired):
     # "0" days was stored; the logger's next prune finds it invalid and puts back 30.
     assert "Invalid log days to keep configuration - using default." in running_agent.logs()
     assert running_agent.config("log_days_to_keep") == "30"
-    # The server restarts on the same port five seconds later and serves on.
     wait_for(lambda: "Setting server port to configuration: %d" % port in running_agent.logs()[-40:], timeout=20,
-             what="the restart")
+             what="the restart on the same port")
     running_agent.wait_listening(port)
-    assert paired.get_config().json()["log_level"] == 5
+    assert paired_client.get_config().json()["log_level"] == 5
+
+    new_port = free_port()
+    posted = time.time()
+    response = paired_client.set_config(rest_port=new_port, log_days_to_keep="45", log_level=2)
+    assert (response.status, response.body, response.content_type) == (200, b"", "text/plain")
+    assert [running_agent.config(k) for k in ("rest_port", "log_days_to_keep", "log_level")] == [
+        str(new_port), "45", "2"]
+    assert "Http server restart in 5 secs..." in running_agent.logs()
+    wait_for(lambda: accepts_tls(new_port), timeout=20, what="the new port")
+    assert 4.0 <= time.time() - posted <= 12.0
+    assert not accepts_tls(port)
+    assert paired_client.at(new_port).get_config().json() == {"rest_port": new_port, "log_days_to_keep": 45,
+                                                              "log_level": 2}
+    # A restart still pending at shutdown does not hold it up.
+    assert paired_client.at(new_port).set_config(rest_port=port, log_days_to_keep=30, log_level=3).status == 200
+    assert running_agent.stop() == 0
+    assert "Shutting down" in running_agent.logs()
 
 
-def test_unusable_port_falls_back_to_the_default(running_agent, paired):
-    # A port that is taken: the restart fails there, gives the configuration back to
-    # 25567 and tries the default five seconds later. Another agent on this machine may
-    # hold 25567; then the retries go on, which the log shows instead.
+def test_unusable_port_falls_back_to_the_default(running_agent, paired_client):
+    # The restart fails on a taken port, gives the configuration back to 25567 and tries
+    # that five seconds later. Another agent on this machine may hold 25567: then the
+    # retries go on, which the log shows instead.
     with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as blocker:
         blocker.bind(("0.0.0.0", 0))
         blocker.listen(1)
         taken = blocker.getsockname()[1]
-        assert paired.set_config(rest_port=taken, log_days_to_keep=30, log_level=3).status == 200
+        assert paired_client.set_config(rest_port=taken, log_days_to_keep=30, log_level=3).status == 200
         wait_for(lambda: running_agent.config("rest_port") == "25567", timeout=20, what="the fallback")
         logs = running_agent.logs()
         assert "Setting server port to configuration: %d" % taken in logs
@@ -97,11 +83,9 @@ def test_unusable_port_falls_back_to_the_default(running_agent, paired):
         if any(m.startswith("Api server failed to start: ") for m in logs[logs.index(marker) + 1:]):
             return "busy"
         try:
-            # Verified against this agent's authority: another agent on 25567 fails here.
-            response = paired.at(DEFAULT_PORT).get_config()
+            return paired_client.at(DEFAULT_PORT).get_config()  # another agent's fails our CA check
         except ConnectionFailure:
             return None
-        return response
 
     outcome = wait_for(attempt_on_default, timeout=30, what="an attempt on the default port")
     if outcome != "busy":
@@ -109,40 +93,6 @@ def test_unusable_port_falls_back_to_the_default(running_agent, paired):
         assert not accepts_tls(taken)
     assert running_agent.config("rest_port") == "25567"
     assert running_agent.stop() == 0
-
-
-# Every invalid value is a unit case of the server's start; here one that set_config can
-# pass and one that only the database can hold.
-@pytest.mark.parametrize("value", ["65536", ""])
-def test_invalid_port_configuration_is_replaced_at_start(agent, authority, client_files, value):
-    if value:
-        agent.set_config("rest_port", value)
-    else:
-        # A value the command line cannot pass.
-        agent.run("get_config")  # creates the database
-        agent.query("INSERT INTO config ( name, value ) VALUES ( 'rest_port', ? )", (value,))
-    agent.start(wait=False)
-    wait_for(lambda: "Invalid port configuration - using default." in agent.output(), timeout=20,
-             what="the warning")
-    assert agent.config("rest_port") == "25567"
-    # 25567 is this agent's now, or another agent's on this machine (then start fails).
-    client = agent.client(client_files(authority, 1), port=DEFAULT_PORT)
-
-    def outcome():
-        if agent.process.poll() is not None:
-            return "exited"
-        try:
-            return client.get_config()  # verified against this agent's authority
-        except ConnectionFailure:
-            return None
-
-    result = wait_for(outcome, timeout=20, what="the start on the default port")
-    if result == "exited":
-        assert agent.process.returncode == 1
-        assert "Could not start Zelko Linux Agent. Failed to initialize HTTP server." in agent.output()
-    else:
-        assert result.status == 401
-        assert agent.stop() == 0
 
 
 def test_unusable_server_key_ends_the_start(agent):
@@ -153,9 +103,3 @@ def test_unusable_server_key_ends_the_start(agent):
     assert result.returncode == 1
     assert "Could not start Zelko Linux Agent. Failed to initialize HTTP server." in result.stdout
     assert any(m.startswith("Api server failed to start: ") for m in agent.logs())
-
-
-def test_shutdown_with_a_restart_pending(running_agent, paired):
-    assert paired.set_config(rest_port=free_port(), log_days_to_keep=30, log_level=3).status == 200
-    assert running_agent.stop() == 0
-    assert "Shutting down" in running_agent.logs()
