@@ -19,9 +19,11 @@ MIB = 1024 * 1024
 def start_bench(work, *args):
     env = dict(os.environ)
     env.setdefault("ORV_BUILD_DIR", os.path.join(SOURCE_DIR, "build"))
+    # SIGINT as the default: a shell cannot trap a signal ignored at its start, as it is in
+    # a test run started in the background by a script.
     return subprocess.Popen([os.path.join(SOURCE_DIR, "scripts", "bench"), "--tiny", "--work-dir", str(work), *args],
                             env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                            start_new_session=True)
+                            start_new_session=True, preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
 
 
 def finish(bench, timeout):
