@@ -1,5 +1,5 @@
 """An agent wired to the driver simulator and a tgtd target, paired with an appliance
-client, for end-to-end backups."""
+client (device 42), for end-to-end backups."""
 import os
 import subprocess
 import time
@@ -13,11 +13,8 @@ BUSY = "A backup is currently in progress."
 
 class BackupRig:
     def __init__(self, agent, sim, tgtd, client_files, authority, tmp_path):
-        self.agent = agent
-        self.sim = sim
-        self.tgtd = tgtd
-        self.tmp_path = tmp_path
-        self.luns = {}  # volume uuid -> (tid, iqn, lun path)
+        self.agent, self.sim, self.tgtd, self.tmp_path = agent, sim, tgtd, tmp_path
+        self.luns = {}  # volume uuid -> (tid, iqn, lun path, lun)
         agent.env.update(sim.env(ORVD_ZBDCTL=zbdctl_path()))
         tgtd.start()
         agent.serve()
@@ -35,18 +32,14 @@ class BackupRig:
 
     def volume_request(self, volume, offset=0, **extra):
         tid, iqn, path, lun = self.luns[volume.uuid]
-        request = {"guid": volume.uuid, "offset": offset, "qualifiedName": iqn, "target": self.tgtd.portal,
-                   "lun": lun}
-        request.update(extra)
-        return request
+        return dict({"guid": volume.uuid, "offset": offset, "qualifiedName": iqn, "target": self.tgtd.portal,
+                     "lun": lun}, **extra)
 
     def start(self, volumes, expect=201, **flags):
-        body = {"volumes": [v if isinstance(v, dict) else self.volume_request(v) for v in volumes]}
-        body.update(flags)
+        body = dict({"volumes": [v if isinstance(v, dict) else self.volume_request(v) for v in volumes]}, **flags)
         response = self.client.request("POST", "/backup", body=body)
-        # A backup's thread outlives its "finished" status by its bookkeeping (history,
-        # reload scripts), and a new backup is refused until that thread has ended: when
-        # a start is meant to succeed, retry the refusal as an appliance would.
+        # A backup's thread outlives its "finished" status by its bookkeeping, and a new
+        # backup is refused until it ended: retry the refusal as an appliance would.
         deadline = time.monotonic() + 30
         while (expect == 201 and response.status == 400 and response.text == BUSY
                and time.monotonic() < deadline):
@@ -54,6 +47,14 @@ class BackupRig:
             response = self.client.request("POST", "/backup", body=body)
         assert response.status == expect, (response.status, response.text)
         return response.text
+
+    def start_long_copy(self, volume):
+        """Starts an all-blocks copy of the volume and returns its id once data moves."""
+        self.agent.set_config("disable_usedblock", "Y")
+        backup_id = self.start([volume])
+        wait_for(lambda: self.status(backup_id)["details"][0]["transfer"]["bytesTransferred"] > 0, timeout=120,
+                 interval=0.05, what="the copy to start")
+        return backup_id
 
     def status(self, backup_id):
         response = self.client.backup_status(backup_id)
@@ -68,21 +69,13 @@ class BackupRig:
         """Runs one backup to its end; returns its final status document."""
         return self.wait(self.start(volumes, **flags))
 
-    def verify_image(self, volume, offset=0):
-        """Mounts the image on the LUN read-only and compares it with the volume's files."""
-        path = self.luns[volume.uuid][2]
-        image = path
-        if offset:
-            image = str(self.tmp_path / ("slice-%s.img" % volume.uuid))
-            with open(path, "rb") as source, open(image, "wb") as target:
-                source.seek(offset)
-                remaining = volume.size_mib * 1024 * 1024
-                while remaining:
-                    chunk = source.read(min(remaining, 8 << 20))
-                    if not chunk:
-                        break
-                    target.write(chunk)
-                    remaining -= len(chunk)
+    def states(self):
+        """The simulator's device states (2 tracking, 3 snapshot)."""
+        return [d["state"] for d in self.sim.info()["devices"]]
+
+    def verify_image(self, volume):
+        """Checks and mounts the image on the LUN read-only; returns the files that differ from the volume's."""
+        image = self.luns[volume.uuid][2]
         if volume.fs_type.startswith("ext"):
             # The image is a consistent file system, not just files that read back.
             check = subprocess.run(["e2fsck", "-fn", image], capture_output=True, text=True)
@@ -93,12 +86,8 @@ class BackupRig:
             return verify_content(point, volume.manifest)
 
     def history(self, command=None, backup_id=None):
-        sql = "SELECT backup_id, device, command, result, result_detail, error, image_chksum FROM history WHERE 1=1"
-        params = []
-        if command:
-            sql += " AND command = ?"
-            params.append(command)
-        if backup_id:
-            sql += " AND backup_id = ?"
-            params.append(backup_id)
-        return self.agent.query(sql + " ORDER BY id", params)
+        """Rows (backup_id, device, command, result, result_detail, error, image_chksum), oldest first."""
+        where = [(c, v) for c, v in (("command", command), ("backup_id", backup_id)) if v]
+        return self.agent.query("SELECT backup_id, device, command, result, result_detail, error, image_chksum "
+                                "FROM history WHERE 1=1" + "".join(" AND %s = ?" % c for c, _ in where)
+                                + " ORDER BY id", [v for _, v in where])

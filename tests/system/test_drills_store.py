@@ -1,11 +1,8 @@
 """Drill: the database becomes unusable for a while (another process locks the file, the
 file system holding it is frozen, or it is full) and then usable again. The agent keeps
-answering or fails visibly, never corrupts an image or the database, and recovers by
-itself once the database is back.
-
-ORV_LONG_DRILLS=1 holds the foreign lock for 65 s instead of 8 and adds the freeze of
-the database's file system for 65 s (beyond the 60-second wait for the database mutex).
-"""
+answering or fails visibly, never corrupts an image or the database, and recovers by itself.
+ORV_LONG_DRILLS=1 holds the foreign lock for 65 s instead of 8 and adds the 65-second
+freeze of the database's file system (both beyond the 60-second wait for the database mutex)."""
 import os
 import subprocess
 import sys
@@ -14,13 +11,12 @@ import time
 
 import pytest
 
-from agent import ConnectionFailure, wait_for
+from agent import ConnectionFailure
 from backup_rig import BackupRig
 
 LONG = os.environ.get("ORV_LONG_DRILLS") == "1"
 LOCK_SECONDS = 65 if LONG else 8
-FREEZE_SECONDS = 65  # beyond the 60-second wait for the database mutex
-
+FREEZE_SECONDS = 65
 HOLD_LOCK = """
 import sqlite3, sys, time
 db = sqlite3.connect(sys.argv[1], isolation_level=None)
@@ -31,16 +27,6 @@ db.execute("COMMIT")
 """
 
 
-def relocate_etc(agent, directory):
-    """Moves the agent's configuration directory (database, certificates, reload
-    scripts) to `directory`."""
-    agent.etc_dir = directory
-    agent.cert_dir = os.path.join(directory, "certs")
-    agent.db_path = os.path.join(directory, "orvd.sqlite")
-    agent.env["ORVD_ETC_DIR"] = directory
-    os.makedirs(agent.cert_dir, exist_ok=True)
-
-
 @pytest.fixture
 def etc_volume(loop_volumes):
     """A small file system of its own for the agent's configuration directory."""
@@ -49,7 +35,11 @@ def etc_volume(loop_volumes):
 
 @pytest.fixture
 def rig(etc_volume, agent, authority, sim_dir, tgtd, client_files, tmp_path):
-    relocate_etc(agent, etc_volume.mountpoint)
+    agent.etc_dir = etc_volume.mountpoint
+    agent.cert_dir = os.path.join(agent.etc_dir, "certs")
+    agent.db_path = os.path.join(agent.etc_dir, "orvd.sqlite")
+    agent.env["ORVD_ETC_DIR"] = agent.etc_dir
+    os.makedirs(agent.cert_dir, exist_ok=True)
     agent.install_identity(authority)
     rig = BackupRig(agent, sim_dir, tgtd, client_files, authority, tmp_path)
     agent.set_config("log_level", 3)
@@ -57,19 +47,15 @@ def rig(etc_volume, agent, authority, sim_dir, tgtd, client_files, tmp_path):
     return rig
 
 
-def states(rig):
-    return [d["state"] for d in rig.sim.info()["devices"]]
-
-
 def output_count(agent, text):
     return sum(text in line for line in agent.output().splitlines())
 
 
-def timed_request(client, method, path):
+def timed_request(client, path):
+    """(status or None when the connection failed, seconds taken)."""
     started = time.monotonic()
     try:
-        response = client.request(method, path)
-        return response.status, time.monotonic() - started
+        return client.request("GET", path).status, time.monotonic() - started
     except ConnectionFailure:
         return None, time.monotonic() - started
 
@@ -77,16 +63,10 @@ def timed_request(client, method, path):
 def test_database_locked_by_another_process(rig, loop_volumes, client_files, authority):
     volume = loop_volumes("ext4", size_mib=256, seed=71)
     rig.add_target(volume)
-    rig.agent.set_config("disable_usedblock", "Y")
     config = rig.client.get_config().body
-
-    # The lock is taken while a backup copies.
-    backup_id = rig.start([volume])
-    wait_for(lambda: rig.status(backup_id)["status"] != "active" or
-             rig.status(backup_id)["details"][0]["transfer"]["bytesTransferred"] > 0,
-             timeout=120, interval=0.05, what="the copy to start")
-    # Every log line waits for the lock in turn, so a request can wait about as long as
-    # the lock is held; the appliance here is that patient.
+    backup_id = rig.start_long_copy(volume)
+    # Every log line waits for the lock in turn, so a request can wait about as long as the
+    # lock is held; the appliance here is that patient.
     patient = rig.agent.client(client_files(authority, 42), timeout=LOCK_SECONDS + 60)
     holder = subprocess.Popen([sys.executable, "-c", HOLD_LOCK, rig.agent.db_path, str(LOCK_SECONDS)],
                               stdout=subprocess.PIPE, text=True)
@@ -95,52 +75,45 @@ def test_database_locked_by_another_process(rig, loop_volumes, client_files, aut
         locked_at = time.monotonic()
         answers = []
         while time.monotonic() - locked_at < LOCK_SECONDS - 2:
-            answers.append(timed_request(patient, "GET", "/config") + ("/config",))
-            answers.append(timed_request(patient, "GET", "/basichost") + ("/basichost",))
+            answers += [timed_request(patient, path) + (path,) for path in ("/config", "/basichost")]
     finally:
         holder.wait(LOCK_SECONDS + 30)
     # Every request got an answer. Where the pairing row can't be read the caller can't be
-    # told from a stranger and is answered 401; where the configuration can't be read, 500.
-    # The open route always works.
+    # told from a stranger and is answered 401; where the configuration can't, 500. The
+    # open route always works.
     assert {status for status, _, path in answers if path == "/config"} <= {200, 401, 500}, answers
     assert {status for status, _, path in answers if path == "/basichost"} == {200}, answers
-    slowest = max(seconds for _, seconds, _ in answers)
-
     # Released: the agent serves again at once and writes its log again.
     assert rig.client.get_config().body == config
     status = rig.wait(backup_id)
     print("\nlock of %d s: answers %s, slowest %.1f s, %d 'database is locked' lines, backup %s" % (
-        LOCK_SECONDS, [(code, path) for code, _, path in answers], slowest,
+        LOCK_SECONDS, [(code, path) for code, _, path in answers], max(s for _, s, _ in answers),
         output_count(rig.agent, "database is locked"), status["status"]))
     assert output_count(rig.agent, "database is locked") > 0
     assert rig.agent.query("PRAGMA integrity_check") == [("ok",)]
     # Whatever the log and the history lost during the lock, the image is right.
     assert status["status"] == "finished", status
-    assert states(rig) == [2]
+    assert rig.states() == [2]
     assert rig.verify_image(volume) == []
 
 
 @pytest.mark.skipif(not LONG, reason="freezes the database for 65 s; set ORV_LONG_DRILLS=1")
 def test_database_file_system_frozen_for_over_a_minute_during_a_backup(rig, etc_volume, loop_volumes, client_files,
                                                                         authority):
-    """A statement that blocks in the kernel holds the database mutex and the logger's
-    database-log lock. Threads that wait for the mutex give up after 60 seconds ("Timed
-    out"); the logger's lock has no time limit, so every request (each logs first) waits
-    for the thaw. Nothing is lost but time: the backup pauses and goes on."""
+    """A statement blocked in the kernel holds the database mutex and the logger's lock:
+    waiters for the mutex give up after 60 s ("Timed out"), while every request (each logs
+    first) waits for the thaw. Nothing is lost but time."""
     volume = loop_volumes("ext4", size_mib=256, seed=73)
     rig.add_target(volume)
-    rig.agent.set_config("disable_usedblock", "Y")
     config = rig.client.get_config().body
-    backup_id = rig.start([volume])
-    wait_for(lambda: rig.status(backup_id)["details"][0]["transfer"]["bytesTransferred"] > 0, timeout=120,
-             interval=0.05, what="the copy to start")
+    backup_id = rig.start_long_copy(volume)
     patient = rig.agent.client(client_files(authority, 42), timeout=FREEZE_SECONDS + 60)
     answers = []
     stopping = threading.Event()
 
     def poll():
         while not stopping.is_set():
-            answers.append(timed_request(patient, "GET", "/backup/" + backup_id))
+            answers.append(timed_request(patient, "/backup/" + backup_id))
 
     pollers = [threading.Thread(target=poll) for _ in range(4)]
     subprocess.run(["fsfreeze", "--freeze", etc_volume.mountpoint], check=True)
@@ -173,30 +146,24 @@ def test_database_file_system_frozen_for_over_a_minute_during_a_backup(rig, etc_
     assert rig.agent.query("PRAGMA integrity_check") == [("ok",)]
 
 
-def fill(path):
-    """Writes to `path` until not one more byte fits on its file system."""
-    fd = os.open(path, os.O_WRONLY | os.O_CREAT, 0o600)
+def test_full_database_disk(rig, etc_volume, loop_volumes):
+    volume = loop_volumes("ext4", size_mib=64, seed=72)
+    rig.add_target(volume)
+    config = rig.client.get_config().body
+    logged = rig.agent.query("SELECT COUNT(*) FROM logs")[0][0]
+    # Write until not one more byte fits on the database's file system.
+    filler = os.path.join(etc_volume.mountpoint, "filler")
+    fd = os.open(filler, os.O_WRONLY | os.O_CREAT, 0o600)
     try:
         for size in (1 << 20, 4096, 1):
-            block = b"\0" * size
             try:
-                while os.write(fd, block) == size:
+                while os.write(fd, b"\0" * size) == size:
                     pass
             except OSError:
                 pass
         os.fsync(fd)
     finally:
         os.close(fd)
-
-
-def test_full_database_disk(rig, etc_volume, loop_volumes):
-    volume = loop_volumes("ext4", size_mib=64, seed=72)
-    rig.add_target(volume)
-    config = rig.client.get_config().body
-    logged = rig.agent.query("SELECT COUNT(*) FROM logs")[0][0]
-
-    filler = os.path.join(etc_volume.mountpoint, "filler")
-    fill(filler)
     try:
         subprocess.run(["sync"], check=True)
         # Reads still work, so the appliance is served; what the agent would write is lost.
@@ -206,13 +173,13 @@ def test_full_database_disk(rig, etc_volume, loop_volumes):
         print("\ndisk full: backup %s, %d log lines and %d history records lost" % (
             status["status"], lost, output_count(rig.agent, "Could not write to database history")))
         assert lost > 0
-        # So is the reload script that would bring the tracker back after a reboot; the
-        # next backup writes it again.
+        # So is the reload script that would bring the tracker back after a reboot; the next
+        # backup writes it again.
         assert output_count(rig.agent, "Set incremental 0 reload script failed: errno = 28") == 1
         # The image is what the backup reported, and nothing stays in snapshot mode.
         assert status["status"] == "finished", status
         assert rig.verify_image(volume) == []
-        assert states(rig) == [2]
+        assert rig.states() == [2]
     finally:
         os.unlink(filler)
     assert rig.agent.query("PRAGMA integrity_check") == [("ok",)]

@@ -1,15 +1,8 @@
-"""Private tgtd instances: the iSCSI targets the agent writes its images to.
-
-Each Tgtd runs on a free loopback port with its own control port and serves file-backed
-LUNs from a temporary directory. It is torn down by pid: tgtd ignores SIGTERM, so its
-targets are deleted and "--op delete --mode system" ends it; SIGKILL is the last resort,
-and its control sockets under /var/run/tgtd are removed afterwards. A crash of the test
-process takes tgtd with it (parent-death signal).
-
-Tuned mode raises the session parameters before any login and starts tgtd with larger
-malloc thresholds (about 150 -> 700 MiB/s on these machines). restart() cuts every
-session and comes back with the same ports, targets and LUNs.
-"""
+"""Private tgtd instances serving file-backed LUNs on a free loopback port, each with its own
+control port. tgtd ignores SIGTERM: stop() deletes its targets and the system, SIGKILL is
+the last resort, and its control sockets are removed afterwards; a crash of the test
+process takes tgtd with it (parent-death signal). Tuned mode raises the session parameters
+before any login and the malloc thresholds (about 150 -> 700 MiB/s here)."""
 import ctypes
 import os
 import random
@@ -24,18 +17,12 @@ from agent import free_port
 
 SOCKET_DIR = "/var/run/tgtd"
 TUNABLES = "glibc.malloc.mmap_threshold=33554432:glibc.malloc.trim_threshold=268435456"
-TUNED_PARAMETERS = (
-    ("MaxRecvDataSegmentLength", "262144"),
-    ("MaxXmitDataSegmentLength", "262144"),
-    ("FirstBurstLength", "262144"),
-    ("MaxBurstLength", "262144"),
-    ("InitialR2T", "No"),
-)
-PR_SET_PDEATHSIG = 1
+TUNED_PARAMETERS = (("MaxRecvDataSegmentLength", "262144"), ("MaxXmitDataSegmentLength", "262144"),
+                    ("FirstBurstLength", "262144"), ("MaxBurstLength", "262144"), ("InitialR2T", "No"))
 
 
 def _die_with_parent():
-    ctypes.CDLL("libc.so.6", use_errno=True).prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+    ctypes.CDLL("libc.so.6", use_errno=True).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
 
 
 def _free_control_port():
@@ -47,27 +34,16 @@ def _free_control_port():
     raise RuntimeError("no free tgtd control port")
 
 
-def _port_answers(port):
-    try:
-        socket.create_connection(("127.0.0.1", port), 1).close()
-        return True
-    except OSError:
-        return False
-
-
 class Tgtd:
     def __init__(self, directory=None, tuned=False):
         self._own_directory = directory is None
         self.directory = str(directory) if directory else tempfile.mkdtemp(prefix="orv-tgtd-")
         os.makedirs(self.directory, exist_ok=True)
         self.tuned = tuned
-        self.port = None
-        self.control_port = None
-        self.process = None
+        self.port = self.control_port = self.process = None
         self._configuration = []  # tgtadm argument lists, replayed by restart()
         self._tids = []
 
-    # -- life cycle -----------------------------------------------------------------
     @property
     def portal(self):
         return "127.0.0.1:%d" % self.port
@@ -91,25 +67,25 @@ class Tgtd:
             raise RuntimeError("tgtd did not come up:\n" + f.read())
 
     def _spawn(self):
-        env = dict(os.environ)
-        env.pop("GLIBC_TUNABLES", None)
+        env = {k: v for k, v in os.environ.items() if k != "GLIBC_TUNABLES"}
         if self.tuned:
             env["GLIBC_TUNABLES"] = TUNABLES
-        log = open(os.path.join(self.directory, "tgtd.log"), "ab")
-        try:
+        with open(os.path.join(self.directory, "tgtd.log"), "ab") as log:
             self.process = subprocess.Popen(
                 ["tgtd", "-f", "-C", str(self.control_port), "--iscsi", "portal=" + self.portal],
                 stdout=log, stderr=subprocess.STDOUT, env=env, preexec_fn=_die_with_parent)
-        finally:
-            log.close()
         deadline = time.monotonic() + 10
         while time.monotonic() < deadline:
             if self.process.poll() is not None:
                 self.process = None
                 self._remove_sockets()
                 return False
-            if self._tgtadm_status("--op", "show", "--mode", "sys") == 0 and _port_answers(self.port):
-                return True
+            if self.tgtadm("--op", "show", "--mode", "sys", check=False) == 0:
+                try:
+                    socket.create_connection(("127.0.0.1", self.port), 1).close()
+                    return True
+                except OSError:
+                    pass
             time.sleep(0.05)
         self.kill()
         return False
@@ -120,14 +96,14 @@ class Tgtd:
             self.process = None
             return True
         # A LUN with a command in flight refuses deletion for a moment: go offline, try again.
-        self._tgtadm_status("--op", "update", "--mode", "sys", "--name", "State", "-v", "offline")
+        self.tgtadm("--op", "update", "--mode", "sys", "--name", "State", "-v", "offline", check=False)
         for tid in self._tids:
             for _ in range(100):
-                if self._tgtadm_status("--lld", "iscsi", "--op", "delete", "--mode", "target", "--tid", str(tid),
-                                       "--force") == 0:
+                if self.tgtadm("--lld", "iscsi", "--op", "delete", "--mode", "target", "--tid", tid, "--force",
+                               check=False) == 0:
                     break
                 time.sleep(0.02)
-        self._tgtadm_status("--op", "delete", "--mode", "system")
+        self.tgtadm("--op", "delete", "--mode", "system", check=False)
         clean = True
         try:
             self.process.wait(5)
@@ -142,8 +118,7 @@ class Tgtd:
     def kill(self):
         """Ends tgtd at once, as a crash would."""
         if self.process is not None:
-            if self.process.poll() is None:
-                self.process.kill()
+            self.process.kill()
             self.process.wait(5)
         self.process = None
         self._remove_sockets()
@@ -168,18 +143,15 @@ class Tgtd:
     def __exit__(self, *exc):
         self.close()
 
-    # -- configuration --------------------------------------------------------------
-    def tgtadm(self, *arguments):
-        """Runs tgtadm on this instance's control port; its output, RuntimeError on failure."""
+    def tgtadm(self, *arguments, check=True):
+        """Runs tgtadm on this instance's control port: its output, or with check=False its exit code."""
         result = subprocess.run(["tgtadm", "-C", str(self.control_port)] + [str(a) for a in arguments],
                                 capture_output=True, text=True, timeout=30)
+        if not check:
+            return result.returncode
         if result.returncode != 0:
             raise RuntimeError("tgtadm %s: %s" % (" ".join(map(str, arguments)), result.stdout + result.stderr))
         return result.stdout
-
-    def _tgtadm_status(self, *arguments):
-        return subprocess.run(["tgtadm", "-C", str(self.control_port)] + list(arguments), capture_output=True,
-                              timeout=30).returncode
 
     def _configure(self, *arguments):
         self.tgtadm(*arguments)
@@ -189,10 +161,9 @@ class Tgtd:
         """A target every initiator may log in to."""
         self._configure("--lld", "iscsi", "--op", "new", "--mode", "target", "--tid", tid, "-T", iqn)
         self._tids.append(tid)
-        if self.tuned:
-            for name, value in TUNED_PARAMETERS:
-                self._configure("--lld", "iscsi", "--op", "update", "--mode", "target", "--tid", tid, "--name", name,
-                                "--value", value)
+        for name, value in TUNED_PARAMETERS if self.tuned else ():
+            self._configure("--lld", "iscsi", "--op", "update", "--mode", "target", "--tid", tid, "--name", name,
+                            "--value", value)
         self._configure("--lld", "iscsi", "--op", "bind", "--mode", "target", "--tid", tid, "-I", "ALL")
 
     def add_lun(self, tid, lun, size, path=None):
@@ -205,9 +176,7 @@ class Tgtd:
         return path
 
     def _remove_sockets(self):
-        if self.control_port is None:
-            return
-        for suffix in ("", ".lock"):
+        for suffix in ("", ".lock") if self.control_port is not None else ():
             try:
                 os.unlink(os.path.join(SOCKET_DIR, "socket.%d%s" % (self.control_port, suffix)))
             except FileNotFoundError:

@@ -1,13 +1,6 @@
-"""Loop-device volumes and driver-simulator directories for system tests.
-
-`LoopVolume`: a sparse image on a loop device with ext2/3/4, xfs or ntfs (ntfs-3g, run in
-the foreground by us), mounted read-write; `fill_volume` writes known content and returns
-the manifest `verify_content` checks a copy against; `mount_image` mounts a captured image
-(read-only without journal replay unless told otherwise); `SimDir` is a ZELKO_SIM_DIR.
-Whatever made something tears it down, also when a test fails, and checks that nothing is
-left; loop devices are detached only while they still hold our image. conftest.py
-registers the fixtures `loop_volumes` and `sim_dir`.
-"""
+"""Loop-device volumes, read-only image mounts and driver-simulator directories for system
+tests; whatever made something tears it down, also when a test fails, and checks that
+nothing is left (conftest.py registers the fixtures `loop_volumes` and `sim_dir`)."""
 
 import atexit
 import errno
@@ -47,30 +40,25 @@ def run(*args, check=True, **kwargs):
 
 
 def mounted_at(path):
-    """The /proc/self/mountinfo entry mounted at `path` as (source, fs type), or None."""
+    """(source, fs type) of what /proc/self/mountinfo has mounted at `path`, or None."""
     path = os.path.realpath(path)
     with open("/proc/self/mountinfo") as f:
-        for line in f:
-            fields = line.split()
-            point = re.sub(r"\\([0-7]{3})", lambda m: chr(int(m.group(1), 8)), fields[4])
-            if point == path:
+        for fields in map(str.split, f):
+            if re.sub(r"\\([0-7]{3})", lambda m: chr(int(m.group(1), 8)), fields[4]) == path:
                 dash = fields.index("-")
                 return fields[dash + 2], fields[dash + 1]
     return None
 
 
 def loop_backing_file(device):
-    """The file behind loop device `device`, or None when it is detached."""
-    name = os.path.basename(device)
     try:
-        with open(f"/sys/block/{name}/loop/backing_file") as f:
+        with open(f"/sys/block/{os.path.basename(device)}/loop/backing_file") as f:
             return f.read().strip()
     except OSError:
         return None
 
 
 def loops_of(image):
-    """Loop devices attached to `image`."""
     out = run("losetup", "-j", image, check=False).stdout
     return [line.split(":")[0] for line in out.splitlines() if line.strip()]
 
@@ -90,10 +78,9 @@ def _detach(device, image, patience=10):
 
 
 def _attach(image, read_only=False):
-    args = ["losetup", "-f", "--show"] + (["-r"] if read_only else []) + [image]
     # Another process may take the free device between the lookup and the attach.
     for attempt in range(10):
-        result = run(*args, check=False)
+        result = run("losetup", "-f", "--show", *(["-r"] if read_only else []), image, check=False)
         if result.returncode == 0:
             return result.stdout.strip()
         time.sleep(0.1 * (attempt + 1))
@@ -104,33 +91,28 @@ class _Mount:
     """A file system on `device` mounted at `point`; ntfs through an ntfs-3g we own."""
 
     def __init__(self, device, point, fs_type, options):
-        self.device = device
-        self.point = point
-        self.fs_type = fs_type
-        self.options = options
+        self.device, self.point, self.fs_type, self.options = device, point, fs_type, options
         self.fuse = None
         self.lazy = False
 
     def mount(self):
         os.makedirs(self.point, exist_ok=True)
-        if self.fs_type == "ntfs":
-            # In the foreground, so that this process owns it and its exit tells when
-            # every write has reached the device.
-            self.fuse = subprocess.Popen(["ntfs-3g", "-o", "no_detach," + self.options, self.device, self.point],
-                                         stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
-            deadline = time.monotonic() + 20
-            while mounted_at(self.point) is None:
-                if self.fuse.poll() is not None or time.monotonic() > deadline:
-                    err = self.fuse.stderr.read().decode(errors="replace") if self.fuse.poll() is not None else ""
-                    self._stop_fuse()
-                    raise VolumeError(f"ntfs-3g did not mount {self.device}: {err}")
-                time.sleep(0.05)
-        else:
+        if self.fs_type != "ntfs":
             run("mount", "-t", self.fs_type, "-o", self.options, self.device, self.point)
+            return
+        # In the foreground, so that its exit tells when every write has reached the device.
+        self.fuse = subprocess.Popen(["ntfs-3g", "-o", "no_detach," + self.options, self.device, self.point],
+                                     stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        deadline = time.monotonic() + 20
+        while mounted_at(self.point) is None:
+            if self.fuse.poll() is not None or time.monotonic() > deadline:
+                err = self.fuse.stderr.read().decode(errors="replace") if self.fuse.poll() is not None else ""
+                self._stop_fuse()
+                raise VolumeError(f"ntfs-3g did not mount {self.device}: {err}")
+            time.sleep(0.05)
 
     def unmount(self):
-        """Unmounts; returns a list of problems (empty when all went well). A file system
-        that stays busy is detached lazily: it goes when its last user lets go."""
+        """Unmounts; returns the problems met. A file system that stays busy is detached lazily."""
         problems = []
         self.lazy = False
         if mounted_at(self.point) is not None:
@@ -145,13 +127,12 @@ class _Mount:
                 problems.append(f"umount {self.point} kept failing: {result.stderr.strip()}; detached lazily")
                 run("umount", "-l", self.point, check=False)
                 self.lazy = True
-        problems += self._stop_fuse()
-        return problems
+        return problems + self._stop_fuse()
 
     def _stop_fuse(self):
-        problems = []
         if self.fuse is None:
-            return problems
+            return []
+        problems = []
         try:
             # After a lazy unmount ntfs-3g waits for the last user; ours is gone then.
             self.fuse.wait(timeout=3 if self.lazy else 20)
@@ -159,52 +140,44 @@ class _Mount:
             problems.append(f"ntfs-3g (pid {self.fuse.pid}) did not exit after unmount; killed")
             self.fuse.send_signal(signal.SIGKILL)
             self.fuse.wait()
-        if self.fuse.stderr:
-            self.fuse.stderr.close()
+        self.fuse.stderr.close()
         self.fuse = None
         return problems
 
 
 class LoopVolume:
-    """A file system of `fs_type` on a loop device over a sparse image in `workdir`,
-    mounted read-write at workdir/mnt. Use as a context manager or call teardown()."""
+    """A file system of `fs_type` on a loop device over a sparse image in `workdir`, mounted
+    read-write at workdir/<name>.mnt; call teardown() when done."""
 
     def __init__(self, fs_type, workdir, size_mib=None, name=None):
         if fs_type not in FS_TYPES:
             raise ValueError(f"unknown file system {fs_type}")
         self.fs_type = fs_type
         self.size_mib = size_mib or DEFAULT_SIZE_MIB[fs_type]
-        name = name or fs_type
         os.makedirs(workdir, exist_ok=True)
-        self.image = os.path.join(os.path.realpath(workdir), f"{name}.img")
-        self.mountpoint = os.path.join(os.path.realpath(workdir), f"{name}.mnt")
-        self.device = None
-        self.uuid = None
-        self._mount = None
+        base = os.path.join(os.path.realpath(workdir), name or fs_type)
+        self.image, self.mountpoint = base + ".img", base + ".mnt"
+        self.device = self.uuid = self._mount = None
         self._torn_down = False
         try:
             with open(self.image, "wb") as f:
                 f.truncate(self.size_mib * MIB)
             _live.add(self)
             self.device = _attach(self.image)
-            self._format()
+            if fs_type == "xfs":
+                run("mkfs.xfs", "-q", "-f", "-L", "orvtest", self.device)
+            elif fs_type == "ntfs":
+                run("mkntfs", "-q", "-F", "-Q", "-L", "orvtest", self.device)
+            else:
+                run(f"mkfs.{fs_type}", "-q", "-F", "-b", "4096", "-L", "orvtest", self.device)
             self.uuid = run("blkid", "-p", "-s", "UUID", "-o", "value", self.device).stdout.strip()
             self.mount()
         except BaseException:
             self.teardown(check=False)
             raise
 
-    def _format(self):
-        if self.fs_type in ("ext2", "ext3", "ext4"):
-            run(f"mkfs.{self.fs_type}", "-q", "-F", "-b", "4096", "-L", "orvtest", self.device)
-        elif self.fs_type == "xfs":
-            run("mkfs.xfs", "-q", "-f", "-L", "orvtest", self.device)
-        else:
-            run("mkntfs", "-q", "-F", "-Q", "-L", "orvtest", self.device)
-
     @property
     def by_uuid(self):
-        """The /dev/disk/by-uuid path of the volume (resolved by the simulator without udev)."""
         return f"/dev/disk/by-uuid/{self.uuid}"
 
     def path(self, *parts):
@@ -213,25 +186,21 @@ class LoopVolume:
     def mount(self, read_only=False):
         if self._mount is not None:
             raise VolumeError(f"{self.device} is already mounted")
-        options = "ro" if read_only else "rw"
-        self._mount = _Mount(self.device, self.mountpoint, self.fs_type, options)
+        self._mount = _Mount(self.device, self.mountpoint, self.fs_type, "ro" if read_only else "rw")
         self._mount.mount()
 
     def unmount(self):
-        if self._mount is None:
-            return
-        problems = self._mount.unmount()
-        self._mount = None
-        if problems:
-            raise VolumeError("; ".join(problems))
+        if self._mount is not None:
+            problems, self._mount = self._mount.unmount(), None
+            if problems:
+                raise VolumeError("; ".join(problems))
 
     def sync(self):
-        """Writes everything the file system holds back to the device."""
         _sync_tree(self.mountpoint)
 
     def teardown(self, check=True):
-        """Unmounts, detaches and removes the image; with `check`, raises VolumeError
-        when anything was left behind (after still removing all it can)."""
+        """Unmounts, detaches and removes the image; with `check`, raises VolumeError when
+        anything was left behind (after still removing all it can)."""
         if self._torn_down:
             return
         self._torn_down = True
@@ -243,33 +212,33 @@ class LoopVolume:
             self._mount = None
         if self.device:
             _detach(self.device, self.image, patience)
-        leftover_loops = loops_of(self.image)
-        for device in leftover_loops:
+        leftover = loops_of(self.image)
+        for device in leftover:
             _detach(device, self.image, patience)
-        if leftover_loops:
-            problems.append(f"loop devices still attached to {self.image}: {leftover_loops}")
-        if mounted_at(self.mountpoint) is not None:
-            problems.append(f"{self.mountpoint} is still mounted")
+        if leftover:
+            problems.append(f"loop devices still attached to {self.image}: {leftover}")
         if loops_of(self.image):
             problems.append(f"{self.image} is still attached")
+        if mounted_at(self.mountpoint) is not None:
+            problems.append(f"{self.mountpoint} is still mounted")
+        elif os.path.isdir(self.mountpoint):
+            os.rmdir(self.mountpoint)
         if os.path.exists(self.image):
             os.unlink(self.image)
-        if os.path.isdir(self.mountpoint) and mounted_at(self.mountpoint) is None:
-            os.rmdir(self.mountpoint)
         _live.discard(self)
         if check and problems:
             raise VolumeError("; ".join(problems))
 
-class ReadOnlyImage:
-    """An image file (a captured snapshot, a copy) on a loop device of its own, mounted at
-    `point`: by default read-only without replaying its journal, to look at its files.
-    Other `options` that do not start with "ro" attach it read-write."""
+
+class mount_image:
+    """An image file (a capture, a copy) on a loop device of its own, mounted at `point`, by
+    default read-only without journal replay; options not starting with "ro" attach it
+    read-write. Use in a `with` block."""
 
     OPTIONS = {"ext2": "ro", "ext3": "ro,noload", "ext4": "ro,noload", "xfs": "ro,norecovery,nouuid", "ntfs": "ro"}
 
     def __init__(self, image, fs_type, point, options=None):
-        self.image = image
-        self.point = point
+        self.image, self.point = image, point
         options = options or self.OPTIONS[fs_type]
         self.device = _attach(image, read_only=options.split(",")[0] == "ro")
         self._mount = _Mount(self.device, point, fs_type, options)
@@ -279,7 +248,10 @@ class ReadOnlyImage:
             _detach(self.device, image)
             raise
 
-    def close(self):
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
         problems = self._mount.unmount()
         _detach(self.device, self.image)
         if os.path.isdir(self.point) and mounted_at(self.point) is None:
@@ -287,19 +259,8 @@ class ReadOnlyImage:
         if problems or loops_of(self.image):
             raise VolumeError(f"image {self.image} left behind: {problems} {loops_of(self.image)}")
 
-    def __enter__(self):
-        return self
 
-    def __exit__(self, *exc):
-        self.close()
-
-
-def mount_image(image, fs_type, point, options=None):
-    """The image mounted at `point` (see ReadOnlyImage); leave the `with` block to unmount it."""
-    return ReadOnlyImage(image, fs_type, point, options)
-
-
-def _sha256(path):
+def sha256(path):
     digest = hashlib.sha256()
     with open(path, "rb") as f:
         for block in iter(lambda: f.read(MIB), b""):
@@ -308,9 +269,8 @@ def _sha256(path):
 
 
 def fill_volume(root, seed=0, small_files=300, large_files=2, large_mib=8, sparse_files=3):
-    """Writes known content under `root` and returns its manifest {relative path: sha256}.
-    Small files (0 to 24 KiB) spread over nested directories, `large_files` of
-    `large_mib` MiB, and sparse files of 32 MiB with data at a few offsets only."""
+    """Writes known content under `root` and returns its manifest {relative path: sha256}:
+    small files over nested directories, large files, and 32 MiB sparse files."""
     rng = random.Random(seed)
     manifest = {}
 
@@ -322,18 +282,16 @@ def fill_volume(root, seed=0, small_files=300, large_files=2, large_mib=8, spars
             for offset, data in data_at:
                 f.seek(offset)
                 f.write(data)
-        manifest[rel] = _sha256(full)
+        manifest[rel] = sha256(full)
 
     for i in range(small_files):
         size = rng.choice([0, 1, 100, 4095, 4096, 4097, rng.randrange(1, 24 * 1024)])
         write(f"small/d{i % 17}/e{i % 5}/f{i}.bin", [(0, rng.randbytes(size))], size)
     for i in range(large_files):
-        size = large_mib * MIB
-        write(f"large/big{i}.bin", [(0, rng.randbytes(size))], size)
+        write(f"large/big{i}.bin", [(0, rng.randbytes(large_mib * MIB))], large_mib * MIB)
     for i in range(sparse_files):
-        size = 32 * MIB
-        offsets = sorted(rng.sample(range(0, size // 4096 - 16), 4))
-        write(f"sparse/s{i}.bin", [(o * 4096, rng.randbytes(rng.randrange(1, 3 * 4096))) for o in offsets], size)
+        offsets = sorted(rng.sample(range(0, 32 * MIB // 4096 - 16), 4))
+        write(f"sparse/s{i}.bin", [(o * 4096, rng.randbytes(rng.randrange(1, 3 * 4096))) for o in offsets], 32 * MIB)
     _sync_tree(root)
     return manifest
 
@@ -352,62 +310,54 @@ def verify_content(root, manifest):
     bad = []
     for rel, expected in sorted(manifest.items()):
         try:
-            if _sha256(os.path.join(root, rel)) != expected:
+            if sha256(os.path.join(root, rel)) != expected:
                 bad.append(f"{rel}: content differs")
         except OSError as e:
             bad.append(f"{rel}: {e.strerror}")
     return bad
 
 
-FS_IOC_FIEMAP = 0xC020660B
-FIBMAP = 1
-FIGETBSZ = 2
-FIEMAP_FLAG_SYNC = 1
-FIEMAP_EXTENT_LAST = 1
+FS_IOC_FIEMAP, FIBMAP, FIGETBSZ = 0xC020660B, 1, 2
 _FIEMAP_HEAD = struct.Struct("=QQIIII")
 _FIEMAP_EXTENT = struct.Struct("=QQQQQIIII")
 
 
 def file_extents(path):
-    """Where the file's data lies on its device: [(logical, physical, length)] in bytes,
-    by FIEMAP, or by FIBMAP on file systems without it (ntfs-3g)."""
+    """Where the file's data lies on its device: [(logical, physical, length)] in bytes, by
+    FIEMAP, or by FIBMAP on file systems without it (ntfs-3g)."""
     fd = os.open(path, os.O_RDONLY)
     try:
-        size = os.fstat(fd).st_size
         try:
-            return _fiemap(fd, size)
+            return _fiemap(fd, os.fstat(fd).st_size)
         except OSError as e:
             if e.errno not in (errno.EOPNOTSUPP, errno.ENOTTY):
                 raise
-        return _fibmap(fd, size)
+        return fibmap(fd, os.fstat(fd).st_size)
     finally:
         os.close(fd)
 
 
 def _fiemap(fd, size):
-    extents = []
-    start = 0
-    count = 128
+    extents, start, count = [], 0, 128
     while start < size:
         buf = bytearray(_FIEMAP_HEAD.size + count * _FIEMAP_EXTENT.size)
-        _FIEMAP_HEAD.pack_into(buf, 0, start, size - start, FIEMAP_FLAG_SYNC, 0, count, 0)
+        _FIEMAP_HEAD.pack_into(buf, 0, start, size - start, 1, 0, count, 0)  # FIEMAP_FLAG_SYNC
         fcntl.ioctl(fd, FS_IOC_FIEMAP, buf, True)
         mapped = _FIEMAP_HEAD.unpack_from(buf, 0)[3]
         if mapped == 0:
-            break
-        last = False
+            return extents
         for i in range(mapped):
             logical, physical, length, _, _, flags, _, _, _ = _FIEMAP_EXTENT.unpack_from(
                 buf, _FIEMAP_HEAD.size + i * _FIEMAP_EXTENT.size)
             extents.append((logical, physical, length))
             start = logical + length
-            last = bool(flags & FIEMAP_EXTENT_LAST)
-        if last:
-            break
+        if flags & 1:  # FIEMAP_EXTENT_LAST
+            return extents
     return extents
 
 
-def _fibmap(fd, size):
+def fibmap(fd, size):
+    """The file's extents as FIBMAP names them, block by block."""
     block_size = struct.unpack("i", fcntl.ioctl(fd, FIGETBSZ, struct.pack("i", 0)))[0]
     extents = []
     for block in range((size + block_size - 1) // block_size):
@@ -429,9 +379,7 @@ def device_blocks(path, start=0, length=None, block=4096):
     for logical, physical, size in file_extents(path):
         lo, hi = max(logical, start), min(logical + size, start + length)
         if lo < hi:
-            first = (physical + lo - logical) // block
-            last = (physical + hi - logical - 1) // block
-            blocks.update(range(first, last + 1))
+            blocks.update(range((physical + lo - logical) // block, (physical + hi - logical - 1) // block + 1))
     return blocks
 
 
@@ -443,45 +391,23 @@ def covered_blocks(path, block=4096):
     return blocks
 
 
-def _direct_chunks(path, chunk=12 * MIB):
-    """Yields (offset, view) over a whole device or file read with O_DIRECT in page-aligned
-    chunks, as the agent reads a snapshot device; the size comes from a seek to the end.
-    Each view is valid until the next one."""
+def block_digests(path, block=4096, chunk=12 * MIB):
+    """One digest per block of a device or file read with O_DIRECT, as the agent reads a
+    snapshot device (its size from a seek to the end): a compact image for changed_blocks."""
+    digests = []
     fd = os.open(path, os.O_RDONLY | os.O_DIRECT)
     try:
         size = os.lseek(fd, 0, os.SEEK_END)
-        os.lseek(fd, 0, os.SEEK_SET)
-        # Page-aligned; left to the garbage collector, as the views handed out refer to it.
-        view = memoryview(mmap.mmap(-1, chunk))
+        view = memoryview(mmap.mmap(-1, chunk))  # page-aligned
         offset = 0
         while offset < size:
             n = os.preadv(fd, [view[:min(chunk, size - offset)]], offset)
             if n <= 0:
                 raise OSError(errno.EIO, f"short read of {path} at {offset}")
-            yield offset, view[:n]
+            digests += [hashlib.blake2b(view[at:at + block], digest_size=16).digest() for at in range(0, n, block)]
             offset += n
     finally:
         os.close(fd)
-
-
-def read_block(path, block, size=4096):
-    """One `size`-byte block of a device or file, read with O_DIRECT."""
-    fd = os.open(path, os.O_RDONLY | os.O_DIRECT)
-    try:
-        buf = mmap.mmap(-1, size)
-        assert os.preadv(fd, [buf], block * size) == size
-        return bytes(buf)
-    finally:
-        os.close(fd)
-
-
-def block_digests(path, block=4096):
-    """One digest per `block`-sized block of a device or file read with O_DIRECT: a compact
-    image to compare with changed_blocks."""
-    digests = []
-    for _, view in _direct_chunks(path):
-        for at in range(0, len(view), block):
-            digests.append(hashlib.blake2b(view[at:at + block], digest_size=16).digest())
     return digests
 
 
@@ -503,15 +429,9 @@ class SimDir:
 
     def __init__(self, path):
         self.path = os.path.realpath(path)
+        self.info_path = os.path.join(self.path, "zelko-info")
+        self.dev_prefix = os.path.join(self.path, "dev", "zelko")
         self.zbdctl("load")
-
-    @property
-    def info_path(self):
-        return os.path.join(self.path, "zelko-info")
-
-    @property
-    def dev_prefix(self):
-        return os.path.join(self.path, "dev", "zelko")
 
     def device_path(self, minor):
         return f"{self.dev_prefix}{minor}"
@@ -524,7 +444,6 @@ class SimDir:
         return env
 
     def zbdctl(self, *args, check=True, env=None):
-        """Runs zbdctl on this simulator; with `check`, a non-zero exit raises."""
         result = subprocess.run([zbdctl_path()] + [str(a) for a in args], capture_output=True, text=True,
                                 env=env or self.env(), timeout=600)
         if check and result.returncode != 0:
@@ -538,24 +457,15 @@ class SimDir:
         if result.returncode == 0:
             return 0
         found = re.search(r"\(errno (\d+), ", result.stderr)
-        if not found:
-            raise AssertionError(f"zbdctl {args} failed without an errno: {result.stderr}")
+        assert found, f"zbdctl {args} failed without an errno: {result.stderr}"
         return int(found.group(1))
 
     def info(self):
-        """The status document, parsed."""
         with open(self.info_path) as f:
             return json.load(f)
 
     def device(self, minor):
         return next((d for d in self.info()["devices"] if d["minor"] == minor), None)
-
-    def log(self):
-        try:
-            with open(os.path.join(self.path, "zelkosim.log")) as f:
-                return f.read()
-        except FileNotFoundError:
-            return ""
 
 
 @atexit.register
@@ -564,14 +474,11 @@ def _teardown_leftovers():
         volume.teardown(check=False)
 
 
-# pytest fixtures (registered by conftest.py)
-
 @pytest.fixture
 def loop_volumes(tmp_path):
-    """A factory of mounted loop volumes: loop_volumes(fs_type, size_mib=None, fill=True,
-    seed=0) returns a LoopVolume with a `manifest` of its known content (None unless
-    filled). Every volume is torn down after the test, and the teardown fails the test
-    if anything is left behind."""
+    """loop_volumes(fs_type, size_mib=None, fill=True, seed=0, name=None) -> a mounted
+    LoopVolume whose `manifest` lists its known content (None unless filled); the teardown
+    fails the test if anything is left behind."""
     made = []
 
     def make(fs_type, size_mib=None, fill=True, seed=0, name=None):
