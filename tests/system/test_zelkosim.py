@@ -16,7 +16,6 @@ from volumes import (FS_TYPES, MIB, block_digests, changed_blocks, covered_block
                      verify_content, zbdctl_path)
 
 COW_MIB = 26  # what the agent asks for a 256 MiB volume
-SOURCE_DIR = os.environ.get("ORV_SOURCE_DIR", os.path.join(os.path.dirname(__file__), "..", ".."))
 
 
 def setup_snapshot(sim, volume, minor=0, cow=".zelko", mib=COW_MIB):
@@ -398,24 +397,3 @@ def test_bad_input_gets_an_errno_and_a_readable_message(sim_dir, loop_volumes, t
         assert result.returncode in (1, 2) and result.stderr.startswith("zbdctl: "), (args, result)
     assert sim_dir.zbdctl("--help").stdout.startswith("usage: zbdctl")
     assert subprocess.run([zbdctl_path()], capture_output=True).returncode == 2
-
-
-def test_shell_volume_helpers_make_and_remove_volumes(tmp_path):
-    work = tmp_path / "sh"
-    result = subprocess.run(["bash", "-c", f"""
-        set -u
-        source {os.path.join(SOURCE_DIR, "scripts", "lib", "volumes.sh")}
-        for fs in ext3 ntfs; do
-          vol_make $fs 64 {work} >/dev/null || exit 1
-          vol_fill "$VOL_MNT" 5 || exit 1
-          [ -f "$VOL_MNT/big.bin" ] && [ -n "$VOL_UUID" ] || exit 1
-          blkid -p -s TYPE -o value "$VOL_DEV"
-          vol_teardown "$VOL_IMAGE" "$VOL_MNT" "$VOL_DEV" || exit 1
-        done
-        vol_make xfs 16 {work} 2>/dev/null && exit 1
-        exit 0
-    """], capture_output=True, text=True, timeout=300)
-    assert result.returncode == 0, result.stdout + result.stderr
-    assert result.stdout.split() == ["ext3", "ntfs"]
-    assert str(work) not in subprocess.run(["losetup", "-a"], capture_output=True, text=True).stdout
-    assert os.listdir(work) == []
