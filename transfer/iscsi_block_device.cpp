@@ -433,13 +433,18 @@ int64_t IscsiBlockDevice::WriteRetry(const void* buffer, size_t length) {
   return -1;
 }
 
-bool IscsiBlockDevice::ReadAhead(void* buffer, size_t length, int64_t offset) {
-  MutexLock hold(lock_);
+bool IscsiBlockDevice::AheadBlock(size_t length, int64_t offset, uint64_t* lba) const {
   if (!context_ || broken_ || busy_ || offset < 0 || length == 0) return false;
   uint64_t start = static_cast<uint64_t>(offset);
   if (start % blockSize_ != 0 || length % blockSize_ != 0 || length > kMaxCommandBytes) return false;
-  uint64_t lba = start / blockSize_;
-  if (lba >= blockCount_ || length / blockSize_ > blockCount_ - lba) return false;
+  *lba = start / blockSize_;
+  return *lba < blockCount_ && length / blockSize_ <= blockCount_ - *lba;
+}
+
+bool IscsiBlockDevice::ReadAhead(void* buffer, size_t length, int64_t offset) {
+  MutexLock hold(lock_);
+  uint64_t lba = 0;
+  if (!AheadBlock(length, offset, &lba)) return false;
   // The target might read these blocks before it writes them.
   for (const auto& write : writesAhead_) {
     if (write->Overlaps(lba, lba + length / blockSize_, blockSize_)) return false;
@@ -461,11 +466,8 @@ bool IscsiBlockDevice::ReadAhead(void* buffer, size_t length, int64_t offset) {
 bool IscsiBlockDevice::WriteAhead(const void* buffer, size_t length, int64_t offset,
                                   std::shared_ptr<const void> owner) {
   MutexLock hold(lock_);
-  if (!context_ || broken_ || busy_ || offset < 0 || length == 0) return false;
-  uint64_t start = static_cast<uint64_t>(offset);
-  if (start % blockSize_ != 0 || length % blockSize_ != 0 || length > kMaxCommandBytes) return false;
-  uint64_t lba = start / blockSize_;
-  if (lba >= blockCount_ || length / blockSize_ > blockCount_ - lba) return false;
+  uint64_t lba = 0;
+  if (!AheadBlock(length, offset, &lba)) return false;
   uint64_t end = lba + length / blockSize_;
   for (const auto& write : writesAhead_) {
     // The same write, still on the wire (or answered and not yet taken).

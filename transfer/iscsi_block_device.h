@@ -124,6 +124,9 @@ class IscsiBlockDevice {
   bool FailConnect(const char* format, ...) __attribute__((format(printf, 2, 3)));
   // Drops the session and logs in again at the same byte position.
   bool Reconnect();
+  // The first block of a command sent ahead: false unless the session can take one and
+  // whole blocks inside the LUN, at most one command long, are named. Holds lock_.
+  bool AheadBlock(size_t length, int64_t offset, uint64_t* lba) const;
 
   struct Command;
   using Commands = std::deque<std::unique_ptr<Command>>;
