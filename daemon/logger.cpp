@@ -120,21 +120,11 @@ void LogSyslog(int level, const char* format, ...) {
 
 void LogEvent(int level, const std::string& backupId, const char* format, ...) {
   char text[1024] = {0};
-  {
-    SinkLock lock(&databaseLogLock);
-    if (!lock.locked()) return;
-    va_list args;
-    va_start(args, format);
-    vsnprintf(text, sizeof(text), format, args);
-    va_end(args);
-    if (text[0] == '\0') return;
-    if (!insert_log(level, backupId, text)) {
-      LogSyslog(kError, "Could not write to database log - BackupId: %s Msg: %s", backupId.c_str(), text);
-    }
-  }
-  if (LogSettings::syslog) LogSyslog(level, "%s", text);
-  LogDisplay(level, "%s", text);
-  PruneLogs();
+  va_list args;
+  va_start(args, format);
+  vsnprintf(text, sizeof(text), format, args);
+  va_end(args);
+  LogEvents(level, backupId, {text});
 }
 
 void LogEvents(int level, const std::string& backupId, const std::vector<std::string>& texts) {
