@@ -75,6 +75,9 @@ def test_tiny_run_reports_every_row(tmp_path):
             p99 = row["latency_p99_ms"]
             assert (p99 is not None and p99 > 0) or (row["seconds"] < 0.2 and p99 is None), (target, kind, row)
         assert rows[(target, "diff_10")]["rewritten_chunks"] >= rows[(target, "diff_10")]["altered_chunks"]
+        for kind in ("full_used", "incremental_1", "incremental_10"):
+            row = rows[(target, kind)]
+            assert row["runs"] == row["chunks"] > 0 and row["runs_baseline_seconds"] > 0, (target, kind, row)
     # Every goal is measured, met or not; the big table was pruned as the agent went.
     assert len(result["targets"]) == 2 * 8 + 1
     assert all(isinstance(check["value"], float) for check in result["targets"])

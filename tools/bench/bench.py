@@ -67,12 +67,16 @@ BASELINES = [
     ("baseline_copy", "baseline two-slot copy"),
     ("snapshot_direct_read", "O_DIRECT read of the snapshot"),
 ]
+# Copies that move only some runs of the volume: each is followed by the baseline tool's
+# two-slot copy of the very runs it wrote, what the target and the disk need for them.
+RUNS_BASELINED = ("full_used", "incremental_1", "incremental_10")
 BIG_LOGS = ("full_all_big_logs", "full copy, all blocks, 30 days of logs")
 
 COPY_START = re.compile(r"^\[INFO\] Performing (copy full on all blocks|copy full on used blocks|"
                         r"copy incremental on all blocks|original diffmerge on all blocks)\.$")
 COPY_END = "[DEBUG] starting getImageChecksum"
 WRITER_POP = "[DEBUG] read from queue writepos"
+WRITER_RUN = re.compile(r"^\[DEBUG\] read from queue writepos (\d+) writelen (\d+)$")
 PROGRESS = re.compile(r"^\[DEBUG\] Set backup of volume \S+ 'BYTES TRANSFERRED' to \d+ bytes\.$")
 WRITER_DONE = "[DEBUG] Wrote data chunk"
 
@@ -390,12 +394,14 @@ class Rig:
         raise BenchError("orvd could not %s disable_usedblock" % ("delete" if on else "set"))
 
     # -- the baseline tool --------------------------------------------------------------------
-    def baseline(self, mode, source=None):
+    def baseline(self, mode, source=None, runs=None):
         command = [self.baseline_tool, mode, "--bytes", str(self.size)]
         if mode != "direct-read":
             command += ["--portal", self.tgtd.portal, "--iqn", IQN, "--lun", "1"]
         if source:
             command += ["--source", source]
+        if runs:
+            command += ["--runs", runs]
         result = subprocess.run(command, capture_output=True, text=True, timeout=1800)
         if result.returncode != 0:
             raise BenchError("orv_iscsi_baseline %s failed: %s" % (mode, result.stderr.strip()))
@@ -446,6 +452,15 @@ class Rig:
             for _ in range((self.size + CHUNK - 1) // CHUNK):
                 digests.append(zlib.crc32(f.read(CHUNK)))
         return digests
+
+    def lun_runs_digest(self, pieces):
+        """One CRC-32 over the LUN's bytes of `pieces` (offset, length), in order."""
+        digest = 0
+        with open(self.lun_path, "rb", buffering=0) as f:
+            for offset, length in pieces:
+                f.seek(offset)
+                digest = zlib.crc32(f.read(length), digest)
+        return digest
 
     def alter_lun_chunks(self, fraction):
         """Changes one 4 KiB block in `fraction` of the image's chunks on the LUN's file."""
@@ -576,7 +591,7 @@ def parse_phases(lines, start, end):
     """Phase boundaries from the agent's lines: request to copy start (snapshot), the copy
     itself, and copy end to the finished status (checksum, tracking, history)."""
     copy_start = copy_end = None
-    pops, progress, done = [], [], []
+    pops, progress, done, pieces = [], [], [], []
     for at, text in lines:
         if copy_start is None:
             if COPY_START.match(text):
@@ -587,6 +602,9 @@ def parse_phases(lines, start, end):
             break
         if text.startswith(WRITER_POP):
             pops.append(at)
+            piece = WRITER_RUN.match(text)
+            if piece:
+                pieces.append((int(piece.group(1)), int(piece.group(2))))
         elif PROGRESS.match(text):
             progress.append(at)
         elif text.startswith(WRITER_DONE):
@@ -594,7 +612,8 @@ def parse_phases(lines, start, end):
     if copy_start is None or copy_end is None:
         raise BenchError("the agent's log lines do not show the copy's start and end")
     result = {"copy_start": copy_start, "copy_end": copy_end, "copy_seconds": copy_end - copy_start,
-              "prepare_seconds": copy_start - start, "finish_seconds": end - copy_end, "chunks": len(progress)}
+              "prepare_seconds": copy_start - start, "finish_seconds": end - copy_end, "chunks": len(progress),
+              "pieces": pieces}
     # Per chunk on the writer thread: pop -> progress line (the write and the log row) ->
     # "Wrote data chunk" (the prune that follows every stored event).
     if pops and len(pops) == len(progress) == len(done):
@@ -660,6 +679,20 @@ class Bench:
                 before = rig.lun_chunk_digests() if kind.startswith("diff_") and rep == 1 else None
                 run = rig.backup(kind, flags, expect)
                 run.update(extra)
+                pieces = run.pop("pieces")
+                if kind in RUNS_BASELINED:
+                    # What the target and the disk need for the same runs without the agent.
+                    # The snapshot's image holds what the copy just wrote, so the LUN stays
+                    # as the copy left it for the copies after (checked: they depend on it).
+                    listed = os.path.join(rig.work, "runs-%s.txt" % kind)
+                    with open(listed, "w") as f:
+                        f.writelines("%d %d\n" % piece for piece in pieces)
+                    as_copied = rig.lun_runs_digest(pieces)
+                    result = rig.baseline("copy", rig.snapshot_image(), listed)
+                    if rig.lun_runs_digest(pieces) != as_copied:
+                        raise BenchError("%s: the baseline's copy of its runs changed the LUN" % kind)
+                    run["runs"] = len(pieces)
+                    run["runs_baseline_seconds"] = result["seconds"]
                 if before is not None:
                     after = rig.lun_chunk_digests()
                     run["rewritten_chunks"] = sum(1 for a, b in zip(before, after) if a != b)
@@ -668,6 +701,9 @@ class Bench:
                 say("%s %s: copy %.2f s (%.0f MiB/s of %d MiB), end to end %.2f s, peak RSS %.1f MiB" % (
                     tag, kind, run["copy_seconds"], run["mib_s"] or 0, run["bytes"] // MIB, run["e2e_seconds"],
                     run["rss_bytes"] / MIB))
+                if "runs" in run:
+                    say("%s %s: the baseline's two-slot copy of the same %d runs took %.2f s" % (
+                        tag, kind, run["runs"], run["runs_baseline_seconds"]))
         return target
 
     def big_logs(self, target):
@@ -762,6 +798,11 @@ class Bench:
                        "prune_ms": median([s.get("prune_ms") for s in samples]),
                        "chunks": median([s.get("chunks") for s in samples]),
                        "samples": [{k: v for k, v in s.items() if not k.startswith("latency_")} for s in samples]}
+                if any("runs_baseline_seconds" in s for s in samples):
+                    row["runs"] = median([s.get("runs") for s in samples])
+                    row["runs_baseline_seconds"] = median([s.get("runs_baseline_seconds") for s in samples])
+                    row["ratio_to_runs_baseline"] = median([s["copy_seconds"] / s["runs_baseline_seconds"]
+                                                            for s in samples if s.get("runs_baseline_seconds")])
                 for extra in ("changed_bytes", "altered_chunks", "rewritten_chunks"):
                     values = [s[extra] for s in samples if extra in s]
                     if values:
@@ -845,6 +886,11 @@ def table(result):
                      "(write-ahead log), %s ms in the rollback journal with synchronous commits" % (
                          target, fmt(ms, 2), fmt(rollback.get(target), 1))
                      for target, ms in result["notes"].get("row_commit_ms", {}).items()]
+    lines += ["%s, %s target: %s runs; the baseline's two-slot copy of the same runs took %s s, the agent %s s "
+              "(ratio %s)" % (row["label"].capitalize(), row["target"], fmt(row["runs"]),
+                              fmt(row["runs_baseline_seconds"], 2), fmt(row["seconds"], 2),
+                              fmt(row["ratio_to_runs_baseline"], 2))
+              for row in result["rows"] if "runs_baseline_seconds" in row]
     lines += ["", "| target | goal | measured | limit | met |", "|---|---|---:|---:|---|"]
     for check in result["targets"]:
         lines.append("| %s | %s | %s | %s %s | %s |" % (

@@ -3,12 +3,15 @@
 //
 //   orv_iscsi_baseline write  --portal HOST:PORT --iqn IQN [--lun N] [--bytes N]
 //   orv_iscsi_baseline read   --portal HOST:PORT --iqn IQN [--lun N] [--bytes N]
-//   orv_iscsi_baseline copy   --portal HOST:PORT --iqn IQN [--lun N] [--bytes N] --source PATH
+//   orv_iscsi_baseline copy   --portal HOST:PORT --iqn IQN [--lun N] [--bytes N] --source PATH [--runs FILE]
 //   orv_iscsi_baseline direct-read --source PATH [--bytes N]
 //
 // write and read stream the LUN from its start in commands of the agent's chunk size
 // (WRITE(16) from one warm buffer, READ(16) straight into one warm buffer). copy is a
-// plain two-thread, two-slot copy of a file or device read with O_DIRECT onto the LUN.
+// plain two-thread, two-slot copy of a file or device read with O_DIRECT onto the LUN;
+// with --runs it copies only the pieces the file lists, one "OFFSET LENGTH" (bytes) a
+// line, each read and written as one command at its own offset: the incremental copy's
+// runs of changed blocks without the agent.
 // direct-read only reads the source with O_DIRECT. The session is set up as the agent
 // sets up its own (immediate data, no initial R2T, header digest none or CRC32C). Each
 // run prints one JSON object: {"mode": ..., "bytes": ..., "seconds": ..., "mib_s": ...}.
@@ -29,6 +32,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 extern "C" {
 #include <iscsi/iscsi.h>
@@ -48,6 +52,7 @@ struct Options {
   std::string portal;
   std::string iqn;
   std::string source;
+  std::string runs;
   int lun = 1;
   uint64_t bytes = 0;  // 0: the whole LUN (or source)
 };
@@ -228,6 +233,44 @@ int RunDirectRead(const Options& options) {
   return 0;
 }
 
+struct Piece {
+  uint64_t offset;
+  size_t bytes;
+};
+
+// The pieces of a copy: the source in chunks from its start, or the runs a file lists.
+bool Pieces(const Options& options, uint64_t total, std::vector<Piece>* pieces) {
+  if (options.runs.empty()) {
+    for (uint64_t at = 0; at < total; at += kChunkBytes) {
+      pieces->push_back({at, static_cast<size_t>(std::min<uint64_t>(kChunkBytes, total - at))});
+    }
+    return true;
+  }
+  FILE* file = fopen(options.runs.c_str(), "r");
+  if (file == nullptr) {
+    fprintf(stderr, "orv_iscsi_baseline: cannot open %s: %s\n", options.runs.c_str(), strerror(errno));
+    return false;
+  }
+  unsigned long long offset = 0;
+  unsigned long long bytes = 0;
+  int line = 0;
+  bool good = true;
+  while (good) {
+    int fields = fscanf(file, "%llu %llu", &offset, &bytes);
+    if (fields == EOF) break;
+    ++line;
+    good = fields == 2 && bytes > 0 && bytes <= kChunkBytes && offset % 512 == 0 && bytes % 512 == 0 &&
+           offset + bytes <= total;
+    if (good) pieces->push_back({offset, static_cast<size_t>(bytes)});
+  }
+  fclose(file);
+  if (!good) {
+    fprintf(stderr, "orv_iscsi_baseline: %s line %d: want OFFSET LENGTH in bytes, sector-aligned, at most %zu "
+            "bytes, inside the source and the LUN\n", options.runs.c_str(), line, kChunkBytes);
+  }
+  return good;
+}
+
 // Two slots between a reader thread and the writing thread: the reader fills a slot while
 // the other is written, as the agent's copy overlaps its reads and writes.
 int RunCopy(const Options& options) {
@@ -239,25 +282,26 @@ int RunCopy(const Options& options) {
     return 1;
   }
   uint64_t total = Amount(Amount(options.bytes, SourceSize(fd.get())), session.size());
+  std::vector<Piece> pieces;
+  if (!Pieces(options, total, &pieces)) return 1;
   std::unique_ptr<AlignedBuffer> slots[kSlots];
   for (auto& slot : slots) slot = std::make_unique<AlignedBuffer>(kChunkBytes);
   std::mutex lock;
   std::condition_variable changed;
-  uint64_t filled = 0;   // chunks read so far
-  uint64_t written = 0;  // chunks written so far
+  size_t filled = 0;   // pieces read so far
+  size_t written = 0;  // pieces written so far
   bool failed = false;
-  uint64_t chunks = (total + kChunkBytes - 1) / kChunkBytes;
   auto start = Clock::now();
   std::thread reader([&] {
-    for (uint64_t k = 0; k < chunks; ++k) {
+    for (size_t k = 0; k < pieces.size(); ++k) {
       {
         std::unique_lock<std::mutex> hold(lock);
         changed.wait(hold, [&] { return failed || k - written < kSlots; });
         if (failed) return;
       }
-      uint64_t at = k * kChunkBytes;
-      size_t want = static_cast<size_t>(std::min<uint64_t>(kChunkBytes, total - at));
-      bool good = ReadFull(fd.get(), slots[k % kSlots]->data(), want, at) == static_cast<ssize_t>(want);
+      const Piece& piece = pieces[k];
+      bool good = ReadFull(fd.get(), slots[k % kSlots]->data(), piece.bytes, piece.offset) ==
+                  static_cast<ssize_t>(piece.bytes);
       std::lock_guard<std::mutex> hold(lock);
       if (!good) failed = true;
       filled = k + 1;
@@ -265,14 +309,15 @@ int RunCopy(const Options& options) {
       if (failed) return;
     }
   });
-  for (uint64_t k = 0; k < chunks; ++k) {
+  uint64_t moved = 0;
+  for (size_t k = 0; k < pieces.size(); ++k) {
     {
       std::unique_lock<std::mutex> hold(lock);
       changed.wait(hold, [&] { return failed || filled > k; });
       if (failed) break;
     }
-    uint64_t at = k * kChunkBytes;
-    bool good = session.Write(at, slots[k % kSlots]->data(), static_cast<size_t>(std::min<uint64_t>(kChunkBytes, total - at)));
+    bool good = session.Write(pieces[k].offset, slots[k % kSlots]->data(), pieces[k].bytes);
+    moved += pieces[k].bytes;
     std::lock_guard<std::mutex> hold(lock);
     if (!good) failed = true;
     written = k + 1;
@@ -284,14 +329,14 @@ int RunCopy(const Options& options) {
     fprintf(stderr, "orv_iscsi_baseline: copy failed\n");
     return 1;
   }
-  Report("copy", total, start);
+  Report(options.runs.empty() ? "copy" : "copy-runs", moved, start);
   return 0;
 }
 
 int Usage() {
   fprintf(stderr,
           "usage: orv_iscsi_baseline write|read|copy|direct-read [--portal HOST:PORT] [--iqn IQN] [--lun N]\n"
-          "                          [--bytes N] [--source PATH]\n");
+          "                          [--bytes N] [--source PATH] [--runs FILE]\n");
   return 2;
 }
 
@@ -317,6 +362,8 @@ int main(int argc, char** argv) {
       options.bytes = strtoull(value.c_str(), nullptr, 10);
     } else if (name == "--source") {
       options.source = value;
+    } else if (name == "--runs" && options.mode == "copy") {
+      options.runs = value;
     } else {
       return Usage();
     }
