@@ -90,8 +90,7 @@ def assert_identity(agent, authority):
 
 
 def start_serving(agent):
-    # The daemon writes its PID file just before it installs its signal handlers; the
-    # server's port line comes after them, so a SIGTERM from then on ends it in order.
+    # The port line comes after the signal handlers (the PID file before them): a SIGTERM then ends it in order.
     port_lines = re.compile(r"Setting server port|Port configuration not set|Invalid port configuration")
     before = len(port_lines.findall(agent.output()))
     agent.start()
@@ -116,9 +115,8 @@ def test_first_start_enrols_and_later_starts_keep_the_identity(tmp_path, agent_r
         retrieve, issue = ca.requests
         for request in (retrieve, issue):
             assert (request["method"], request["path"], request["tls"]) == ("PUT", "/certApi.php", negotiated)
-            for header in (("Content-Type", "application/json"), ("Accept", "application/json"),
-                           ("charsets", "utf-8")):
-                assert header in request["headers"], request["headers"]
+            assert {("Content-Type", "application/json"), ("Accept", "application/json"),
+                    ("charsets", "utf-8")} <= set(request["headers"]), request["headers"]
         assert retrieve["body"] == '{"caId":"orv","caVersion":1,"action":"retrieveCaCert"}'
         document = json.loads(issue["body"], object_pairs_hook=list)
         assert document == [("caId", "orv"), ("caVersion", 1), ("key", ca_server.DEFAULT_TOKEN),
