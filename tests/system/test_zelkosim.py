@@ -277,22 +277,6 @@ def test_reboot_and_reload_keep_tracking_and_lose_snapshots(sim_dir, loop_volume
     assert marked <= read_map(tracked.path(".zelko"), tracked.size_mib * MIB)
 
 
-def test_unload_load_and_version(sim_dir, loop_volumes):
-    volume = loop_volumes("ext4", fill=False)
-    setup_snapshot(sim_dir, volume, mib=16)
-    result = sim_dir.zbdctl("unload", check=False)
-    assert result.returncode == 1 and "destroy them first" in result.stderr
-    sim_dir.zbdctl("destroy", 0)
-    sim_dir.zbdctl("unload")
-    assert not os.path.exists(sim_dir.info_path)
-    assert sim_dir.call_errno("setup-snapshot", 0, volume.device, volume.path(".zelko"), 16) == errno.ENODEV
-    result = sim_dir.zbdctl("info", check=False)
-    assert result.returncode == 1 and "not loaded" in result.stderr
-    sim_dir.zbdctl("load")
-    sim_dir.zbdctl("version", "0.9.99")
-    assert sim_dir.info() == {"version": "0.9.99", "devices": []}
-
-
 def test_state_survives_the_processes_and_concurrent_callers_do_not_corrupt_it(sim_dir, loop_volumes):
     a = loop_volumes("ext4", fill=False, size_mib=128)
     b = loop_volumes("ext4", fill=False, size_mib=128)
