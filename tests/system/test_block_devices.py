@@ -1,7 +1,5 @@
-"""What the agent sees of the host's block devices: volumes of every kind it backs up (ext4,
-XFS, NTFS through ntfs-3g, an unmounted FAT, a read-only mount, swap, GPT and MBR
-partitions) on loop devices, as tests/orv_blockdev_probe prints the agent's records,
-compared with what the kernel, blkid and statvfs say."""
+"""The agent's block device records (printed by tests/orv_blockdev_probe) for loop volumes of every kind,
+against what the kernel, blkid and statvfs say."""
 import errno
 import fcntl
 import json
@@ -37,11 +35,13 @@ def loop_control(request, number):
         os.close(fd)
 
 
-def retry(done, times=20, pause=0.25):
+def retry(done, times=20, pause=0.25, what=None):
     for _ in range(times):
         if done():
             return True
         time.sleep(pause)
+    if what:
+        raise RuntimeError(f"{what} did not appear")
     return False
 
 
@@ -67,15 +67,12 @@ class Rig:
         return dev
 
     def partitions(self, dev, count):
-        """The partition nodes of a loop disk; this kernel reads no partition tables itself, so partx adds them."""
+        """This kernel reads no partition tables itself: partx adds the nodes."""
         names = [f"{dev}p{i}" for i in range(1, count + 1)]
         if not all(os.path.exists(n) for n in names):
             run("partx", "-a", dev)
-        for _ in range(50):
-            if all(os.path.exists(n) for n in names):
-                return names
-            time.sleep(0.1)
-        raise RuntimeError(f"partitions of {dev} did not appear")
+        retry(lambda: all(os.path.exists(n) for n in names), 50, 0.1, f"partitions of {dev}")
+        return names
 
     def mkfs(self, dev, fs, label):
         run(*MKFS[fs], label, dev, timeout=120)
@@ -101,18 +98,13 @@ class Rig:
                 return False
             raise
         self.added_loops.append(number)
-        for _ in range(50):
-            if os.path.exists(f"/dev/loop{number}"):
-                return True
-            time.sleep(0.1)
-        raise RuntimeError(f"/dev/loop{number} did not appear")
+        return retry(lambda: os.path.exists(f"/dev/loop{number}"), 50, 0.1, f"/dev/loop{number}")
 
-    def probe(self, *args):
-        """The probe's RESULT, parsed, and its log lines."""
+    def probe(self, *args, wrap=()):
         env = dict(os.environ, ORVD_ETC_DIR=self.etc, ORVD_DRIVER_INFO=os.path.join(self.dir, "zelko-info"),
                    ORVD_DRIVER_DEV=os.path.join(self.dir, "dev", "zelko"))
         env.setdefault("ASAN_OPTIONS", "detect_leaks=1")
-        p = subprocess.run([PROBE, *args], env=env, capture_output=True, text=True, timeout=300)
+        p = subprocess.run([*wrap, PROBE, *args], env=env, capture_output=True, text=True, timeout=300)
         assert p.returncode == 0, p.stdout + p.stderr
         lines = p.stdout.splitlines()
         results = [line[len("RESULT "):] for line in lines if line.startswith("RESULT ")]
@@ -122,7 +114,10 @@ class Rig:
     def records(self):
         return {d["path"]: d for d in self.probe("list")[0]}
 
-    def cleanup(self):
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
         errors = [f"swapoff {dev}" for dev in reversed(self.swaps) if run("swapoff", dev, check=False).returncode]
         for path in reversed(self.mounts):
             if not retry(lambda: run("umount", path, check=False).returncode == 0 or not os.path.ismount(path)):
@@ -143,11 +138,8 @@ class Rig:
 
 @pytest.fixture
 def rig():
-    r = Rig()
-    try:
+    with Rig() as r:
         yield r
-    finally:
-        r.cleanup()
 
 
 # A mount point with every character the mount table escapes, and one longer than the 80
@@ -159,8 +151,7 @@ LONG_NAME = "long-" + "x" * 90
 @pytest.fixture(scope="module")
 def host():
     """One host with every kind of volume, probed once."""
-    r = Rig()
-    try:
+    with Rig() as r:
         v = {"rig": r}
         for key, fs, mib, label, directory, options in (
                 ("ext4", "ext4", 64, "ext4vol", ODD_NAME, {}), ("xfs", "xfs", 300, "xfsvol", LONG_NAME, {}),
@@ -184,8 +175,6 @@ def host():
         v["records"] = r.records()
         v["host"], v["host_logs"] = r.probe("host")
         yield v
-    finally:
-        r.cleanup()
 
 
 def test_records_match_the_kernel_blkid_and_statvfs(host):
@@ -308,9 +297,6 @@ def test_read_only_root_is_reported(rig):
     assert rig.probe("mountcheck", root)[0] == {"flags": 3, "mountPoint": "/"}
     assert not os.path.exists("/.ismount-test-file")
     # In a private mount namespace the root can be made read-only for the probe alone.
-    p = subprocess.run(["unshare", "-m", "--propagation", "private", "sh", "-c",
-                        f"mount -o remount,bind,ro / && exec {PROBE} mountcheck {root}"],
-                       env=dict(os.environ, ORVD_ETC_DIR=rig.etc), capture_output=True, text=True, timeout=60)
-    assert p.returncode == 0, p.stderr
-    result = [line for line in p.stdout.splitlines() if line.startswith("RESULT ")]
-    assert json.loads(result[0][len("RESULT "):]) == {"flags": 7, "mountPoint": "/"}
+    private_ro_root = ["unshare", "-m", "--propagation", "private", "sh", "-c",
+                       'mount -o remount,bind,ro / && exec "$0" "$@"']
+    assert rig.probe("mountcheck", root, wrap=private_ro_root)[0] == {"flags": 7, "mountPoint": "/"}

@@ -90,8 +90,7 @@ def assert_identity(agent, authority):
 
 
 def start_serving(agent):
-    # The daemon writes its PID file just before it installs its signal handlers; the
-    # server's port line comes after them, so a SIGTERM from then on ends it in order.
+    # The port line comes after the signal handlers (the PID file before them): a SIGTERM then ends it in order.
     port_lines = re.compile(r"Setting server port|Port configuration not set|Invalid port configuration")
     before = len(port_lines.findall(agent.output()))
     agent.start()
@@ -116,9 +115,8 @@ def test_first_start_enrols_and_later_starts_keep_the_identity(tmp_path, agent_r
         retrieve, issue = ca.requests
         for request in (retrieve, issue):
             assert (request["method"], request["path"], request["tls"]) == ("PUT", "/certApi.php", negotiated)
-            for header in (("Content-Type", "application/json"), ("Accept", "application/json"),
-                           ("charsets", "utf-8")):
-                assert header in request["headers"], request["headers"]
+            assert {("Content-Type", "application/json"), ("Accept", "application/json"),
+                    ("charsets", "utf-8")} <= set(request["headers"]), request["headers"]
         assert retrieve["body"] == '{"caId":"orv","caVersion":1,"action":"retrieveCaCert"}'
         document = json.loads(issue["body"], object_pairs_hook=list)
         assert document == [("caId", "orv"), ("caVersion", 1), ("key", ca_server.DEFAULT_TOKEN),
@@ -140,7 +138,7 @@ def test_first_start_enrols_and_later_starts_keep_the_identity(tmp_path, agent_r
         assert assert_identity(agent_root, ca.authority).private_numbers() != key.private_numbers()
 
 
-def test_an_empty_identity_file_is_recreated_from_slow_answers(agent, authority, ca):
+def test_an_incomplete_identity_is_recreated_and_a_new_key_never_paired_with_the_old_certificate(agent, ca):
     agent.env["ORVD_CA_URL"] = ca.url
     ca.set_mode("slow")  # answers in pieces, reassembled
     open(cert_path(agent, "ca.crt"), "w").close()
@@ -148,6 +146,14 @@ def test_an_empty_identity_file_is_recreated_from_slow_answers(agent, authority,
     assert "Certificate information is incomplete, recreating certificate." in agent.output()
     assert agent.stop() == 0
     assert_identity(agent, ca.authority)
+    # The CA file is lost; enrolment makes a new key and then fails to get it signed.
+    old_key = read(agent, "server.key")
+    os.unlink(cert_path(agent, "ca.crt"))
+    ca.set_mode("failure", action="issueCert")
+    failed_start(agent)
+    assert read(agent, "server.key") != old_key
+    assert "server.pem" not in present(agent)
+    assert_next_start_enrols(agent, ca)
 
 
 # The lines logged per action and canned answer, one answer per branch of its handling
@@ -204,18 +210,6 @@ def test_a_ca_certificate_answer_without_certificate_keeps_the_old_ca_file(enrol
     failed_start(enrolling)
     assert_logged(enrolling, [r"CA response certificate is empty\."])
     assert read(enrolling, "ca.crt") == "previous authority\n"
-
-
-def test_a_failed_enrolment_never_pairs_a_new_key_with_the_old_certificate(agent, authority, ca):
-    """The CA file is lost; enrolment makes a new key and then fails to get it signed."""
-    agent.env["ORVD_CA_URL"] = ca.url
-    old_key = read(agent, "server.key")
-    os.unlink(cert_path(agent, "ca.crt"))
-    ca.set_mode("failure", action="issueCert")
-    failed_start(agent)
-    assert read(agent, "server.key") != old_key
-    assert "server.pem" not in present(agent)
-    assert_next_start_enrols(agent, ca)
 
 
 def test_an_unreachable_ca_fails_start_up(agent_root):

@@ -1,8 +1,5 @@
-"""The install layout, the systemd units, the man page and the Debian package.
-
-All but the last test install the built tree into a temporary prefix. The last builds the
-release package, installs it into the real system and purges it: only with ORV_TEST_DEB=1.
-"""
+"""The install layout, units and man page in a temporary prefix; with ORV_TEST_DEB=1 also the Debian package,
+installed into the real system and purged."""
 import os
 import re
 import shutil
@@ -58,27 +55,22 @@ def prefix(tmp_path_factory):
 
 
 def test_install_lays_out_the_agent_units_man_page_and_private_directories(prefix):
-    for path, want in {"sbin/orvd": 0o755, "libexec/orvd/reload-trackers": 0o755, "share/man/man8/orvd.8": 0o644,
-                       "lib/systemd/system/orvd.service": 0o644,
-                       "lib/systemd/system/orvd-reload-trackers.service": 0o644}.items():
+    for path, want in [("sbin/orvd", 0o755), ("libexec/orvd/reload-trackers", 0o755), ("share/man/man8/orvd.8", 0o644)] + \
+            [("lib/systemd/system/" + unit, 0o644) for unit in UNITS] + [(path, 0o700) for path in PRIVATE_DIRS]:
         full = os.path.join(prefix, path)
-        assert os.path.isfile(full) and mode(full) == want, path
-    for path in PRIVATE_DIRS:
-        assert os.path.isdir(os.path.join(prefix, path)) and mode(os.path.join(prefix, path)) == 0o700, path
+        assert os.path.isdir(full) if want == 0o700 else os.path.isfile(full), path
+        assert mode(full) == want, path
     assert os.listdir(os.path.join(prefix, "etc/zelko/orv/certs")) == []
     # The driver's tool and the simulator are never installed.
     for root, dirs, files in os.walk(prefix):
         for name in dirs + files:
             assert not re.search("zbdctl|zelkosim|zelkobd", name), os.path.join(root, name)
     # The units name what this install put in place, and are in the manifest.
-    orvd = unit_settings(os.path.join(prefix, "lib/systemd/system/orvd.service"))
-    assert orvd[("Service", "ExecStart")] == [prefix + "/sbin/orvd -d -l 2"]
-    reload = unit_settings(os.path.join(prefix, "lib/systemd/system/orvd-reload-trackers.service"))
-    assert reload[("Service", "ExecStart")] == [prefix + "/libexec/orvd/reload-trackers"]
     with open(os.path.join(BUILD_DIR, "install_manifest.txt")) as f:
         manifest = f.read().split()
-    for unit in UNITS:
-        assert os.path.join(prefix, "lib/systemd/system", unit) in manifest
+    for unit, command in zip(UNITS, ("/sbin/orvd -d -l 2", "/libexec/orvd/reload-trackers")):
+        path = os.path.join(prefix, "lib/systemd/system", unit)
+        assert unit_settings(path)[("Service", "ExecStart")] == [prefix + command] and path in manifest, unit
     result = subprocess.run([os.path.join(prefix, "sbin/orvd"), "-h"], capture_output=True, text=True, timeout=30)
     assert result.returncode == 0 and result.stdout.startswith("orvd version %s\n" % VERSION)
 
@@ -119,15 +111,9 @@ def test_man_page_renders_without_warnings_and_documents_every_key_variable_and_
     assert (man.returncode, man.stderr) == (0, "")
     text = re.sub(r".\x08", "", man.stdout)
     assert "orvd %s" % VERSION in text.splitlines()[-1]
-    sections, current = {}, None  # {HEADING: body with blanks folded}
-    for line in text.splitlines():
-        if re.fullmatch(r"[A-Z][A-Z ]+", line):
-            current = line
-            sections[current] = ""
-        elif current is not None:
-            sections[current] += line + "\n"
+    parts = re.split(r"^([A-Z][A-Z ]+)\n", text, flags=re.M)  # {HEADING: body with blanks folded}
     sections = {name: re.sub(r"\s+", " ", body.replace("\u2010\n", "").replace("-\n", "-"))
-                for name, body in sections.items()}
+                for name, body in zip(parts[1::2], parts[2::2])}
     for heading in ("NAME", "SYNOPSIS", "DESCRIPTION", "OPTIONS", "COMMANDS", "CONFIGURATION", "FILES",
                     "ENVIRONMENT", "SIGNALS", "EXIT STATUS", "SECURITY", "SEE ALSO"):
         assert heading in sections, heading
@@ -203,7 +189,7 @@ SYSTEM_PATHS = ("/etc/zelko", "/var/run/orvd.pid", "/usr/sbin/orvd", "/usr/libex
 
 
 def installed_agent_alive(pid):
-    """True while pid is a running (not zombie) /usr/sbin/orvd."""
+    """Not a zombie, nor a reused pid."""
     try:
         with open("/proc/%d/status" % pid) as f:
             alive = not re.search(r"^State:\s*Z", f.read(), re.M)
@@ -227,7 +213,7 @@ def package_installed():
 
 
 def run(*command, timeout=60, **env):
-    """A command with the installed agent's own paths (no ORVD_* of the test run) plus env."""
+    """With the installed agent's own paths: no ORVD_* of the test run."""
     environment = {k: v for k, v in os.environ.items() if not k.startswith("ORVD_")}
     return subprocess.run(list(command), capture_output=True, text=True, env=dict(environment, **env),
                           timeout=timeout)
@@ -249,13 +235,12 @@ def test_debian_package_installs_runs_the_daemon_and_purges_without_a_trace(tmp_
     assert os.path.basename(deb) == "orvd_%s_amd64.deb" % VERSION
     description = run("dpkg-deb", "-f", deb, "Description").stdout
     assert "simulator" in description and "zbdctl" in description, description  # says what it lacks
-    contents = {}  # {path: mode text} of the package's data
-    for line in run("dpkg-deb", "-c", deb).stdout.splitlines():
-        contents[line.split()[-1].lstrip(".").rstrip("/") or "/"] = line.split()[0]
+    contents = {line.split()[-1].lstrip(".").rstrip("/") or "/": line.split()[0]  # {path: mode text}
+                for line in run("dpkg-deb", "-c", deb).stdout.splitlines()}
     for path in contents:
         assert "zbdctl" not in path and "zelkosim" not in path, path
-    for path in ("/etc/zelko/orv", "/etc/zelko/orv/certs", "/etc/zelko/orv/pps"):
-        assert contents[path] == "drwx------", (path, contents[path])
+    for path in PRIVATE_DIRS:
+        assert contents["/" + path] == "drwx------", (path, contents["/" + path])
     for path in ("/usr/sbin/orvd", "/usr/lib/systemd/system/orvd.service", "/usr/share/man/man8/orvd.8",
                  "/usr/lib/systemd/system/orvd-reload-trackers.service", "/usr/libexec/orvd/reload-trackers"):
         assert path in contents, path
@@ -266,8 +251,8 @@ def test_debian_package_installs_runs_the_daemon_and_purges_without_a_trace(tmp_
         assert install.returncode == 0, install.stdout + install.stderr
         if not os.path.isdir("/run/systemd/system"):
             assert "systemd is not running; start the agent with /usr/sbin/orvd" in install.stdout
-        for path in ("/etc/zelko/orv", "/etc/zelko/orv/certs", "/etc/zelko/orv/pps"):
-            assert mode(path) == 0o700, path
+        for path in PRIVATE_DIRS:
+            assert mode("/" + path) == 0o700, path
         result = run("/usr/sbin/orvd", "-h", timeout=30)
         assert result.returncode == 0 and result.stdout.startswith("orvd version %s\n\nUsage:\n" % VERSION)
 
