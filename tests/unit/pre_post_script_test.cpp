@@ -117,12 +117,16 @@ TEST_F(PrePostScriptTest, ScanTakesRegularFilesWithTheirDisplayNames) {
   EXPECT_TRUE(LoggedContaining("Could not open pre/post scripts directory.", kError));
 }
 
+// The output before the marker is kept, cut to bounded lines and size.
 TEST_F(PrePostScriptTest, MarkerEndsTheRunAndTheStillRunningScriptIsKilled) {
   // The script's own child (sleep) must die with it.
   WriteScript("hold.sh", "echo \"arg $1\"\nprintf 'dos line\\r\\n'\necho PRE-DONE\nsleep 30\necho never");
+  WriteScript("flood.sh",
+              "head -c 300000 /dev/zero | tr '\\0' x\necho\nyes 'a line of output' | head -n 10000\necho PRE-DONE");
   PrePostScript script("hold.sh", 20);
+  PrePostScript flood("flood.sh", 60);
   auto start = Clock::now();
-  EXPECT_TRUE(RunOne(script));
+  EXPECT_TRUE(PrePostScript::runPhase({&script, &flood}, Phase::kPre, "backup-7"));
   EXPECT_LT(SecondsSince(start), 3.0);
   script.join();
   EXPECT_LT(SecondsSince(start), 4.0);
@@ -133,6 +137,10 @@ TEST_F(PrePostScriptTest, MarkerEndsTheRunAndTheStillRunningScriptIsKilled) {
   EXPECT_TRUE(GroupGone(script.childPid()));
   EXPECT_TRUE(LoggedContaining("Running pre-scripts...", kInfo));
   EXPECT_TRUE(LoggedContaining("is still alive, sleeping and killing it.", kInfo));
+  std::string output = flood.output();
+  EXPECT_EQ(output.size(), PrePostScript::kMaxOutputBytes);
+  EXPECT_EQ(output.find('\n'), PrePostScript::kMaxLineBytes);
+  EXPECT_EQ(output.substr(PrePostScript::kMaxLineBytes + 1, 18), "a line of output\na");
 }
 
 TEST_F(PrePostScriptTest, EachPhaseWaitsForItsOwnMarker) {
@@ -150,21 +158,31 @@ TEST_F(PrePostScriptTest, EachPhaseWaitsForItsOwnMarker) {
   EXPECT_TRUE(LoggedContaining("runpre EOF on pipe", kInfo));
 }
 
-// A silent script and one that floods its pipe without end both stop at their timeout.
-TEST_F(PrePostScriptTest, ScriptWithoutMarkerStopsAtItsTimeout) {
+// A silent script and one that floods its pipe without end both stop at their timeout; one
+// that closes its output is killed at once; one that exits or cannot start fails. None of
+// them holds up the script that succeeds beside them.
+TEST_F(PrePostScriptTest, ScriptsWithoutMarkerFailEachInTheirWay) {
   WriteScript("slow.sh", "echo working\nsleep 30 &\nwait");
   WriteScript("fast.sh", "echo PRE-DONE");
   WriteScript("endless.sh", "yes");
+  WriteScript("closer.sh", "echo before\nexec >/dev/null 2>&1\nsleep 30");
+  WriteScript("exits.sh", "echo only output\nexit 0");
+  WriteScript("not-executable.sh", "echo PRE-DONE", 0644);
   PrePostScript slow("slow.sh", 2);
   PrePostScript fast("fast.sh", 2);
   PrePostScript endless("endless.sh", 2);
+  PrePostScript closer("closer.sh", 20);
+  PrePostScript exits("exits.sh", 20);
+  PrePostScript notExecutable("not-executable.sh", 20);
   auto start = Clock::now();
-  EXPECT_FALSE(PrePostScript::runPhase({&slow, &fast, &endless}, Phase::kPre, "backup-7"));
+  EXPECT_FALSE(PrePostScript::runPhase({&slow, &fast, &endless, &closer, &exits, &notExecutable}, Phase::kPre,
+                                       "backup-7"));
   double elapsed = SecondsSince(start);
   EXPECT_GE(elapsed, 2.0);
   EXPECT_LT(elapsed, 4.5);
   slow.join();
   endless.join();
+  closer.join();
   EXPECT_LT(SecondsSince(start), 5.0);
   EXPECT_EQ(slow.outcome(), Outcome::kTimedOut);
   EXPECT_EQ(slow.output(), "working\n");
@@ -175,6 +193,14 @@ TEST_F(PrePostScriptTest, ScriptWithoutMarkerStopsAtItsTimeout) {
   EXPECT_TRUE(GroupGone(slow.childPid()));
   EXPECT_TRUE(LoggedContaining("Pre script 'slow.sh' timed out.", kWarning));
   EXPECT_TRUE(LoggedContaining("runpre failed reading script output, errno: 110", kError));
+  EXPECT_EQ(closer.outcome(), Outcome::kFailed);
+  EXPECT_EQ(closer.output(), "before\n");
+  EXPECT_TRUE(GroupGone(closer.childPid()));
+  EXPECT_EQ(exits.outcome(), Outcome::kFailed);
+  EXPECT_EQ(exits.output(), "only output\n");
+  EXPECT_EQ(notExecutable.outcome(), Outcome::kFailed);
+  EXPECT_NE(notExecutable.output().find("Permission denied"), std::string::npos);
+  EXPECT_TRUE(LoggedContaining("runpre failed reading script output, errno: 32", kError));
 }
 
 TEST_F(PrePostScriptTest, ScriptNamesAreNeverShellText) {
@@ -201,38 +227,6 @@ TEST_F(PrePostScriptTest, ScriptNamesAreNeverShellText) {
   EXPECT_TRUE(LoggedContaining("Pre/Post Script 'x; touch", kError));
 }
 
-TEST_F(PrePostScriptTest, FloodingScriptKeepsBoundedOutput) {
-  WriteScript("flood.sh",
-              "head -c 300000 /dev/zero | tr '\\0' x\necho\nyes 'a line of output' | head -n 10000\necho PRE-DONE");
-  PrePostScript flood("flood.sh", 60);
-  EXPECT_TRUE(RunOne(flood));
-  std::string output = flood.output();
-  EXPECT_EQ(output.size(), PrePostScript::kMaxOutputBytes);
-  EXPECT_EQ(output.find('\n'), PrePostScript::kMaxLineBytes);
-  EXPECT_EQ(output.substr(PrePostScript::kMaxLineBytes + 1, 18), "a line of output\na");
-}
-
-TEST_F(PrePostScriptTest, ScriptThatClosesItsOutputIsKilled) {
-  WriteScript("closer.sh", "echo before\nexec >/dev/null 2>&1\nsleep 30");
-  WriteScript("exits.sh", "echo only output\nexit 0");
-  WriteScript("not-executable.sh", "echo PRE-DONE", 0644);
-  PrePostScript closer("closer.sh", 20);
-  PrePostScript exits("exits.sh", 20);
-  PrePostScript notExecutable("not-executable.sh", 20);
-  auto start = Clock::now();
-  EXPECT_FALSE(PrePostScript::runPhase({&closer, &exits, &notExecutable}, Phase::kPre, ""));
-  closer.join();
-  EXPECT_LT(SecondsSince(start), 4.0);
-  EXPECT_EQ(closer.outcome(), Outcome::kFailed);
-  EXPECT_EQ(closer.output(), "before\n");
-  EXPECT_TRUE(GroupGone(closer.childPid()));
-  EXPECT_EQ(exits.outcome(), Outcome::kFailed);
-  EXPECT_EQ(exits.output(), "only output\n");
-  EXPECT_EQ(notExecutable.outcome(), Outcome::kFailed);
-  EXPECT_NE(notExecutable.output().find("Permission denied"), std::string::npos);
-  EXPECT_TRUE(LoggedContaining("runpre failed reading script output, errno: 32", kError));
-}
-
 TEST_F(PrePostScriptTest, WorksWhenSigchldIsIgnored) {
   // The backup thread ignores SIGCHLD, so the system reaps the children.
   struct sigaction ignore = {};
@@ -255,8 +249,7 @@ TEST_F(PrePostScriptTest, WorksWhenSigchldIsIgnored) {
   sigemptyset(&blocked);
   sigaddset(&blocked, SIGTERM);
   ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &blocked, &previousMask), 0);
-  // Perl reports the dispositions it got (the shell in front passes an ignored
-  // SIGPIPE on as ignored).
+  // Perl reports the dispositions it got (a shell would reset an ignored SIGCHLD).
   std::ofstream(scripts_ + "/signals.pl")
       << "#!/usr/bin/perl\nopen(S, '/proc/self/status');\n"
          "while (<S>) { print \"$1:$2\\n\" if /^(Sig(?:Ign|Blk)):\\s*(\\S+)/ }\nprint \"PRE-DONE\\n\";\n";
