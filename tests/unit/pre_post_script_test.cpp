@@ -143,30 +143,16 @@ TEST_F(PrePostScriptTest, MarkerEndsTheRunAndTheStillRunningScriptIsKilled) {
   EXPECT_EQ(output.substr(PrePostScript::kMaxLineBytes + 1, 18), "a line of output\na");
 }
 
-TEST_F(PrePostScriptTest, EachPhaseWaitsForItsOwnMarker) {
-  WriteScript("phases.sh", "case \"$1\" in PRE) echo PRE-DONE;; POST) echo POST-DONE;; esac");
-  WriteScript("pre-only.sh", "echo PRE-DONE\necho ' PRE-DONE'");
-  PrePostScript both("phases.sh", 10);
-  PrePostScript preOnly("pre-only.sh", 10);
-  EXPECT_TRUE(PrePostScript::runPhase({&both, &preOnly}, Phase::kPre, ""));
-  EXPECT_FALSE(PrePostScript::runPhase({&both, &preOnly}, Phase::kPost, ""));
-  EXPECT_TRUE(both.isDone());
-  EXPECT_FALSE(preOnly.isDone());
-  EXPECT_EQ(preOnly.outcome(), Outcome::kFailed);
-  EXPECT_EQ(preOnly.output(), "PRE-DONE\n PRE-DONE\n");
-  EXPECT_TRUE(LoggedContaining("Running post-scripts...", kInfo));
-  EXPECT_TRUE(LoggedContaining("runpre EOF on pipe", kInfo));
-}
-
 // A silent script and one that floods its pipe without end both stop at their timeout; one
-// that closes its output is killed at once; one that exits or cannot start fails. None of
-// them holds up the script that succeeds beside them.
+// that closes its output is killed at once; one that exits without its own phase's marker
+// (an indented one or the other phase's is none) or cannot start fails. None of them holds
+// up the script that succeeds beside them.
 TEST_F(PrePostScriptTest, ScriptsWithoutMarkerFailEachInTheirWay) {
   WriteScript("slow.sh", "echo working\nsleep 30 &\nwait");
   WriteScript("fast.sh", "echo PRE-DONE");
   WriteScript("endless.sh", "yes");
   WriteScript("closer.sh", "echo before\nexec >/dev/null 2>&1\nsleep 30");
-  WriteScript("exits.sh", "echo only output\nexit 0");
+  WriteScript("exits.sh", "echo ' PRE-DONE'\necho POST-DONE\nexit 0");
   WriteScript("not-executable.sh", "echo PRE-DONE", 0644);
   PrePostScript slow("slow.sh", 2);
   PrePostScript fast("fast.sh", 2);
@@ -197,7 +183,8 @@ TEST_F(PrePostScriptTest, ScriptsWithoutMarkerFailEachInTheirWay) {
   EXPECT_EQ(closer.output(), "before\n");
   EXPECT_TRUE(GroupGone(closer.childPid()));
   EXPECT_EQ(exits.outcome(), Outcome::kFailed);
-  EXPECT_EQ(exits.output(), "only output\n");
+  EXPECT_EQ(exits.output(), " PRE-DONE\nPOST-DONE\n");
+  EXPECT_TRUE(LoggedContaining("runpre EOF on pipe", kInfo));
   EXPECT_EQ(notExecutable.outcome(), Outcome::kFailed);
   EXPECT_NE(notExecutable.output().find("Permission denied"), std::string::npos);
   EXPECT_TRUE(LoggedContaining("runpre failed reading script output, errno: 32", kError));
@@ -223,6 +210,7 @@ TEST_F(PrePostScriptTest, ScriptNamesAreNeverShellText) {
   PrePostScript escape("../escape.sh", 10);
   EXPECT_FALSE(RunOne(escape, Phase::kPost));
   EXPECT_EQ(escape.outcome(), Outcome::kStartFailed);
+  EXPECT_TRUE(LoggedContaining("Running post-scripts...", kInfo));
   EXPECT_TRUE(LoggedContaining("Post Script '../escape.sh' open error: 22", kError));
   EXPECT_TRUE(LoggedContaining("Pre/Post Script 'x; touch", kError));
 }
@@ -231,21 +219,16 @@ TEST_F(PrePostScriptTest, WorksWhenSigchldIsIgnored) {
   // The backup thread ignores SIGCHLD, so the system reaps the children.
   struct sigaction ignore = {};
   ignore.sa_handler = SIG_IGN;
-  struct sigaction previous;
+  struct sigaction previous, previousPipe;
   ASSERT_EQ(sigaction(SIGCHLD, &ignore, &previous), 0);
   WriteScript("hold.sh", "echo PRE-DONE\nsleep 30");
-  WriteScript("quick.sh", "echo PRE-DONE");
   PrePostScript hold("hold.sh", 10);
-  PrePostScript quick("quick.sh", 10);
-  EXPECT_TRUE(PrePostScript::runPhase({&hold, &quick}, Phase::kPre, ""));
+  EXPECT_TRUE(RunOne(hold));
   hold.join();
-  quick.join();
   EXPECT_TRUE(GroupGone(hold.childPid()));
   // The script starts with default signals whatever the agent ignores or blocks.
-  struct sigaction previousPipe;
   ASSERT_EQ(sigaction(SIGPIPE, &ignore, &previousPipe), 0);
-  sigset_t blocked;
-  sigset_t previousMask;
+  sigset_t blocked, previousMask;
   sigemptyset(&blocked);
   sigaddset(&blocked, SIGTERM);
   ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &blocked, &previousMask), 0);
@@ -259,8 +242,7 @@ TEST_F(PrePostScriptTest, WorksWhenSigchldIsIgnored) {
   signals.join();
   ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &previousMask, nullptr), 0);
   ASSERT_EQ(sigaction(SIGPIPE, &previousPipe, nullptr), 0);
-  unsigned long long ignored = 1;
-  unsigned long long blockedMask = 1;
+  unsigned long long ignored = 1, blockedMask = 1;
   ASSERT_EQ(sscanf(signals.output().c_str(), "SigBlk:%llx\nSigIgn:%llx", &blockedMask, &ignored), 2)
       << signals.output();
   EXPECT_EQ(blockedMask, 0u);
