@@ -130,20 +130,9 @@ TEST_F(CopyIncrementalPiecesTest, ARunNeverCrossesAPieceOfTheMap) {
   EXPECT_EQ(ReadBacking(lunPath_, (kPiece + 2) * kBlock, kBlock), std::vector<unsigned char>(kBlock, 0));
 }
 
-TEST_F(CopyIncrementalTest, HistoryIsOverlaidOnlyWhenFlagged) {
-  WriteMap(job_.changeMapPath, kVolumeBlocks, {5});
-  WriteMap(job_.historyPath, kVolumeBlocks, {9, 10});
-  job_.historyExists = false;
-  ASSERT_TRUE(Copy());
-  EXPECT_EQ(WrittenBlocks(), (std::set<uint64_t>{5}));
-  job_.historyExists = true;
-  ASSERT_TRUE(Copy());
-  EXPECT_EQ(WrittenBlocks(), (std::set<uint64_t>{5, 9, 10}));
-}
-
 // A map that cannot be trusted fails the copy before anything is written and says so. A
 // COW file goes on past its map with the driver's copied data: its history must be as long.
-TEST_F(CopyIncrementalTest, MapsThatCannotBeTrustedFailAndSaySo) {
+TEST_F(CopyIncrementalTest, UntrustedMapsFailAndAWholeHistoryIsOverlaidWhenFlagged) {
   const std::string cow = Map(kVolumeBlocks, {3}) + std::string(4099, 7);
   const struct {
     const char* what;
@@ -167,18 +156,20 @@ TEST_F(CopyIncrementalTest, MapsThatCannotBeTrustedFailAndSaySo) {
   EXPECT_TRUE(WrittenBlocks().empty());
   // Once for each history that is too short.
   EXPECT_EQ(LoggedMessages("Could not overlay incremental history. errno: 5").size(), 2u);
-  // All zeros: nothing to copy, and fine; a history as long as its COW file is overlaid.
+  // A history as long as its COW file is overlaid on the map, but only when flagged: with an
+  // all-zero map there is then nothing to copy, and that is fine.
+  ASSERT_EQ(WriteWholeFile(job_.historyPath, Map(kVolumeBlocks, {9, 10}) + std::string(4096, 0)), 0);
   WriteMap(job_.changeMapPath, kVolumeBlocks, {});
   job_.historyExists = false;
   job_.changeMapBroken = false;
   ASSERT_TRUE(Copy());
   EXPECT_EQ(status_.volumes().at(0).totalSize, 0);
+  EXPECT_TRUE(WrittenBlocks().empty());
   ASSERT_EQ(WriteWholeFile(job_.changeMapPath, cow), 0);
-  ASSERT_EQ(WriteWholeFile(job_.historyPath, Map(kVolumeBlocks, {3}) + std::string(4096, 0)), 0);
   job_.historyExists = true;
   EXPECT_TRUE(Copy());
   EXPECT_FALSE(job_.changeMapBroken);
-  EXPECT_EQ(WrittenBlocks(), (std::set<uint64_t>{3}));
+  EXPECT_EQ(WrittenBlocks(), (std::set<uint64_t>{3, 9, 10}));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "backup/pre_post_script.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
