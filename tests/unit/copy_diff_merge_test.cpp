@@ -2,14 +2,13 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -64,21 +63,21 @@ class CopyDiffMergeTest : public IscsiTargetTest {
     ASSERT_TRUE(WriteBacking(lunPath_, kImageOffset + at, {value}));
   }
 
-  // Runs the copy on a thread of its own; `during` runs on this thread meanwhile (tgtd
-  // is stopped and started from the thread that started it).
-  bool Copy(const std::function<void()>& during = nullptr) {
-    IscsiBlockDevice device(kIqn, tgtd_.Portal(), 1, "", "");
-    if (!device.Connect()) return false;
+  // Runs the copy on a thread of its own over device_; `during` runs on this thread
+  // meanwhile (tgtd is stopped and started from the thread that started it).
+  bool Copy(const std::function<void()>& during = nullptr, bool losesSession = false) {
+    std::optional<LibiscsiSessionLossLeaks> expected;
+    if (losesSession) expected.emplace();
+    device_ = std::make_unique<IscsiBlockDevice>(kIqn, tgtd_.Portal(), 1, "", "");
+    if (!device_->Connect()) return false;
     bool ok = false;
     std::thread copy([&] {
       std::optional<LibiscsiSessionLossLeaks> expected;
-      if (sessionLoss_) expected.emplace();
-      ok = CopyDiffMergeAllBlocks(job_, device);
+      if (losesSession) expected.emplace();
+      ok = CopyDiffMergeAllBlocks(job_, *device_);
     });
     if (during) during();
     copy.join();
-    afterCopy_(device);
-    device.Disconnect();
     return ok;
   }
 
@@ -123,8 +122,7 @@ class CopyDiffMergeTest : public IscsiTargetTest {
   AllBackupStatus status_{"b"};
   std::atomic<bool> cancelled_{false};
   CopyJob job_;
-  std::function<void(IscsiBlockDevice&)> afterCopy_ = [](IscsiBlockDevice&) {};
-  bool sessionLoss_ = false;  // the test cuts the session under the copy
+  std::unique_ptr<IscsiBlockDevice> device_;
 };
 
 // Exactly the chunks that differ are rewritten, whole; a write of an identical chunk,
@@ -149,11 +147,7 @@ TEST_F(CopyDiffMergeTest, ExactlyTheChunksThatDifferAreRewrittenWhole) {
 // before it and nothing else.
 TEST_F(CopyDiffMergeTest, ATargetLostMidwayFailsTheCopyAtTheChunkItsReadWasFor) {
   bool killed = false;
-  sessionLoss_ = true;
-  {
-    LibiscsiSessionLossLeaks expected;
-    EXPECT_FALSE(Copy([&] { killed = WaitForChunks(2) && tgtd_.Kill(); }));
-  }
+  EXPECT_FALSE(Copy([&] { killed = WaitForChunks(2) && tgtd_.Kill(); }, true));
   ASSERT_TRUE(killed);
   uint64_t chunks = ProgressRowsInOrder();
   EXPECT_GE(chunks, 2u);
@@ -172,10 +166,9 @@ TEST_F(CopyDiffMergeTest, ATargetLostMidwayFailsTheCopyAtTheChunkItsReadWasFor) 
   expected.push_back("Set error Could not read from target device. to 108.");
   expected.push_back("Error to taloq: 108, Could not read from target device.");
   expected.push_back("Read from iscsi target failed: ");
-  std::string seen;
-  for (const std::string& row : tail) seen += row + "\n";
-  ASSERT_EQ(tail.size(), expected.size()) << seen;
-  for (size_t i = 0; i < tail.size(); ++i) EXPECT_EQ(tail[i].rfind(expected[i], 0), 0u) << tail[i];
+  // Rows that end in libiscsi's or the system's words are compared up to them.
+  for (size_t i = 0; i < std::min(tail.size(), expected.size()); ++i) tail[i].resize(expected[i].size());
+  EXPECT_EQ(tail, expected);
   EXPECT_EQ(status_.errorCode(), kErrorTargetWrite);
   EXPECT_EQ(status_.volumes().at(0).bytesTransferred, chunks * kChunk);
 }
@@ -188,15 +181,13 @@ TEST_F(CopyDiffMergeTest, ACopyGoesOnWhereItStoppedWhenTheTargetComesBack) {
     SetSnapshotByte(chunk * kChunk + 4096, static_cast<unsigned char>(chunk));
   }
   bool restarted = false;
-  sessionLoss_ = true;
-  {
-    LibiscsiSessionLossLeaks expected;
-    EXPECT_TRUE(Copy([&] {
-      if (!WaitForChunks(2) || !tgtd_.Kill()) return;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-      restarted = tgtd_.Restart();
-    }));
-  }
+  EXPECT_TRUE(Copy(
+      [&] {
+        if (!WaitForChunks(2) || !tgtd_.Kill()) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        restarted = tgtd_.Restart();
+      },
+      true));
   ASSERT_TRUE(restarted);
   EXPECT_TRUE(ImageMatchesSnapshot());
   EXPECT_EQ(ProgressRowsInOrder(), 41u);
@@ -209,16 +200,14 @@ TEST_F(CopyDiffMergeTest, ACopyGoesOnWhereItStoppedWhenTheTargetComesBack) {
 // bytes they asked for.
 TEST_F(CopyDiffMergeTest, ACancelledCopyLeavesNothingInFlight) {
   SetImageByte(kVolumeBytes, 5);  // just past the image
-  afterCopy_ = [&](IscsiBlockDevice& device) {
-    std::vector<unsigned char> data(1 << 20);
-    ASSERT_EQ(device.Seek(kImageOffset + kVolumeBytes, SEEK_SET), kImageOffset + static_cast<int64_t>(kVolumeBytes));
-    ASSERT_EQ(device.ReadRetry(data.data(), data.size()), 1 << 20);
-    EXPECT_EQ(data[0], 5);
-    EXPECT_EQ(data[1], 0);
-  };
   EXPECT_FALSE(Copy([&] {
     if (WaitForChunks(2)) cancelled_ = true;
   }));
+  std::vector<unsigned char> data(1 << 20);
+  ASSERT_EQ(device_->Seek(kImageOffset + kVolumeBytes, SEEK_SET), kImageOffset + static_cast<int64_t>(kVolumeBytes));
+  ASSERT_EQ(device_->ReadRetry(data.data(), data.size()), 1 << 20);
+  EXPECT_EQ(data[0], 5);
+  EXPECT_EQ(data[1], 0);
   uint64_t chunks = ProgressRowsInOrder();
   EXPECT_LT(chunks, 41u);
   EXPECT_EQ(status_.volumes().at(0).bytesTransferred, chunks * kChunk);

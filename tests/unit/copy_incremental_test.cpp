@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <random>
 #include <set>
 #include <string>
@@ -20,10 +21,14 @@ constexpr uint64_t kBlock = 4096;
 constexpr uint64_t kVolumeBlocks = 4096;  // a 16 MiB volume
 
 // A change map: the driver's 4096-byte header, then one word per block.
-void WriteMap(const std::string& path, uint64_t entries, const std::set<uint64_t>& changed) {
+std::string Map(uint64_t entries, const std::set<uint64_t>& changed) {
   std::string bytes(4096 + entries * 8, '\0');
   for (uint64_t block : changed) bytes[4096 + block * 8] = 1;
-  ASSERT_EQ(WriteWholeFile(path, bytes), 0);
+  return bytes;
+}
+
+void WriteMap(const std::string& path, uint64_t entries, const std::set<uint64_t>& changed) {
+  ASSERT_EQ(WriteWholeFile(path, Map(entries, changed)), 0);
 }
 
 class CopyIncrementalTest : public IscsiTargetTest {
@@ -125,62 +130,46 @@ TEST_F(CopyIncrementalPiecesTest, ARunNeverCrossesAPieceOfTheMap) {
   EXPECT_EQ(ReadBacking(lunPath_, (kPiece + 2) * kBlock, kBlock), std::vector<unsigned char>(kBlock, 0));
 }
 
-TEST_F(CopyIncrementalTest, HistoryIsOverlaidOnlyWhenFlagged) {
-  WriteMap(job_.changeMapPath, kVolumeBlocks, {5});
-  WriteMap(job_.historyPath, kVolumeBlocks, {9, 10});
+// A map that cannot be trusted fails the copy before anything is written and says so. A
+// COW file goes on past its map with the driver's copied data: its history must be as long.
+TEST_F(CopyIncrementalTest, UntrustedMapsFailAndAWholeHistoryIsOverlaidWhenFlagged) {
+  const std::string cow = Map(kVolumeBlocks, {3}) + std::string(4099, 7);
+  const struct {
+    const char* what;
+    std::string map, history;  // none when empty
+  } broken[] = {
+      {"no map", "", ""},
+      {"shorter than its header", std::string(100, 1), ""},
+      {"shorter than the volume", Map(kVolumeBlocks - 1, {1}), ""},
+      {"a short history", Map(kVolumeBlocks, {1}), Map(10, {2})},
+      {"a history ending before its COW file", cow, Map(kVolumeBlocks, {3}) + std::string(4088, 0)},
+  };
+  for (const auto& c : broken) {
+    std::filesystem::remove(job_.changeMapPath);
+    ASSERT_TRUE(c.map.empty() || WriteWholeFile(job_.changeMapPath, c.map) == 0);
+    ASSERT_TRUE(c.history.empty() || WriteWholeFile(job_.historyPath, c.history) == 0);
+    job_.historyExists = !c.history.empty();
+    job_.changeMapBroken = false;
+    EXPECT_FALSE(Copy()) << c.what;
+    EXPECT_TRUE(job_.changeMapBroken) << c.what;
+  }
+  EXPECT_TRUE(WrittenBlocks().empty());
+  // Once for each history that is too short.
+  EXPECT_EQ(LoggedMessages("Could not overlay incremental history. errno: 5").size(), 2u);
+  // A history as long as its COW file is overlaid on the map, but only when flagged: with an
+  // all-zero map there is then nothing to copy, and that is fine.
+  ASSERT_EQ(WriteWholeFile(job_.historyPath, Map(kVolumeBlocks, {9, 10}) + std::string(4096, 0)), 0);
+  WriteMap(job_.changeMapPath, kVolumeBlocks, {});
   job_.historyExists = false;
-  ASSERT_TRUE(Copy());
-  EXPECT_EQ(WrittenBlocks(), (std::set<uint64_t>{5}));
-  job_.historyExists = true;
-  ASSERT_TRUE(Copy());
-  EXPECT_EQ(WrittenBlocks(), (std::set<uint64_t>{5, 9, 10}));
-}
-
-TEST_F(CopyIncrementalTest, MapsThatCannotBeTrustedFailAndSaySo) {
-  WriteMap(job_.changeMapPath, kVolumeBlocks, {});  // all zeros: nothing to copy, and fine
+  job_.changeMapBroken = false;
   ASSERT_TRUE(Copy());
   EXPECT_EQ(status_.volumes().at(0).totalSize, 0);
-  // Shorter than its header, shorter than the volume, a short history, no map at all.
-  ASSERT_EQ(WriteWholeFile(job_.changeMapPath, std::string(100, 1)), 0);
-  EXPECT_FALSE(Copy());
-  EXPECT_TRUE(job_.changeMapBroken);
-
-  job_.changeMapBroken = false;
-  WriteMap(job_.changeMapPath, kVolumeBlocks - 1, {1});
-  EXPECT_FALSE(Copy());
-  EXPECT_TRUE(job_.changeMapBroken);
-
-  job_.changeMapBroken = false;
-  WriteMap(job_.changeMapPath, kVolumeBlocks, {1});
-  WriteMap(job_.historyPath, 10, {2});
-  job_.historyExists = true;
-  EXPECT_FALSE(Copy());
-  EXPECT_TRUE(job_.changeMapBroken);
-
-  job_.changeMapBroken = false;
-  job_.changeMapPath += ".missing";
-  EXPECT_FALSE(Copy());
-  EXPECT_TRUE(job_.changeMapBroken);
   EXPECT_TRUE(WrittenBlocks().empty());
-}
-
-TEST_F(CopyIncrementalTest, AHistoryEndingBeforeItsCowFileFailsEvenWhereItCoversTheMap) {
+  ASSERT_EQ(WriteWholeFile(job_.changeMapPath, cow), 0);
   job_.historyExists = true;
-  // A COW file goes on past its map with the driver's copied data; the history made from
-  // such a file is as long.
-  std::string map(4096 + kVolumeBlocks * 8, '\0');
-  map[4096 + 3 * 8] = 1;
-  ASSERT_EQ(WriteWholeFile(job_.changeMapPath, map + std::string(4099, 7)), 0);
-  ASSERT_EQ(WriteWholeFile(job_.historyPath, map + std::string(4088, 0)), 0);
-  EXPECT_FALSE(Copy());
-  EXPECT_TRUE(job_.changeMapBroken);
-  EXPECT_EQ(LoggedMessages("Could not overlay incremental history. errno: 5").size(), 1u);
-  EXPECT_TRUE(WrittenBlocks().empty());
-  ASSERT_EQ(WriteWholeFile(job_.historyPath, map + std::string(4096, 0)), 0);
-  job_.changeMapBroken = false;
   EXPECT_TRUE(Copy());
   EXPECT_FALSE(job_.changeMapBroken);
-  EXPECT_EQ(WrittenBlocks(), (std::set<uint64_t>{3}));
+  EXPECT_EQ(WrittenBlocks(), (std::set<uint64_t>{3, 9, 10}));
 }
 
 }  // namespace

@@ -269,19 +269,15 @@ TEST_F(IscsiBlockDeviceTest, ASessionOnADescriptorAbove254IsRefused) {
 // away in the middle of a command.
 class HangingUpPortal {
  public:
-  HangingUpPortal() {
-    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  HangingUpPortal() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t length = sizeof(address);
-    bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    bind(fd_, reinterpret_cast<sockaddr*>(&address), length);
     getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
+    portal_ = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
     listen(fd_, 4);
     thread_ = std::thread([this] {
-      while (!stop_) {
-        pollfd waiting{fd_, POLLIN, 0};
+      for (pollfd waiting{fd_, POLLIN, 0}; !stop_;) {
         int connection = poll(&waiting, 1, 50) == 1 ? accept(fd_, nullptr, nullptr) : -1;
         if (connection < 0) continue;
         char header[48];
@@ -295,11 +291,11 @@ class HangingUpPortal {
     thread_.join();
     close(fd_);
   }
-  std::string Portal() const { return "127.0.0.1:" + std::to_string(port_); }
+  const std::string& Portal() const { return portal_; }
 
  private:
   int fd_;
-  int port_ = 0;
+  std::string portal_;
   std::atomic<bool> stop_{false};
   std::thread thread_;
 };

@@ -1,7 +1,6 @@
 #include "backup/pre_post_script.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -117,12 +116,16 @@ TEST_F(PrePostScriptTest, ScanTakesRegularFilesWithTheirDisplayNames) {
   EXPECT_TRUE(LoggedContaining("Could not open pre/post scripts directory.", kError));
 }
 
+// The output before the marker is kept, cut to bounded lines and size.
 TEST_F(PrePostScriptTest, MarkerEndsTheRunAndTheStillRunningScriptIsKilled) {
   // The script's own child (sleep) must die with it.
   WriteScript("hold.sh", "echo \"arg $1\"\nprintf 'dos line\\r\\n'\necho PRE-DONE\nsleep 30\necho never");
+  WriteScript("flood.sh",
+              "head -c 300000 /dev/zero | tr '\\0' x\necho\nyes 'a line of output' | head -n 10000\necho PRE-DONE");
   PrePostScript script("hold.sh", 20);
+  PrePostScript flood("flood.sh", 60);
   auto start = Clock::now();
-  EXPECT_TRUE(RunOne(script));
+  EXPECT_TRUE(PrePostScript::runPhase({&script, &flood}, Phase::kPre, "backup-7"));
   EXPECT_LT(SecondsSince(start), 3.0);
   script.join();
   EXPECT_LT(SecondsSince(start), 4.0);
@@ -133,38 +136,38 @@ TEST_F(PrePostScriptTest, MarkerEndsTheRunAndTheStillRunningScriptIsKilled) {
   EXPECT_TRUE(GroupGone(script.childPid()));
   EXPECT_TRUE(LoggedContaining("Running pre-scripts...", kInfo));
   EXPECT_TRUE(LoggedContaining("is still alive, sleeping and killing it.", kInfo));
+  std::string output = flood.output();
+  EXPECT_EQ(output.size(), PrePostScript::kMaxOutputBytes);
+  EXPECT_EQ(output.find('\n'), PrePostScript::kMaxLineBytes);
+  EXPECT_EQ(output.substr(PrePostScript::kMaxLineBytes + 1, 18), "a line of output\na");
 }
 
-TEST_F(PrePostScriptTest, EachPhaseWaitsForItsOwnMarker) {
-  WriteScript("phases.sh", "case \"$1\" in PRE) echo PRE-DONE;; POST) echo POST-DONE;; esac");
-  WriteScript("pre-only.sh", "echo PRE-DONE\necho ' PRE-DONE'");
-  PrePostScript both("phases.sh", 10);
-  PrePostScript preOnly("pre-only.sh", 10);
-  EXPECT_TRUE(PrePostScript::runPhase({&both, &preOnly}, Phase::kPre, ""));
-  EXPECT_FALSE(PrePostScript::runPhase({&both, &preOnly}, Phase::kPost, ""));
-  EXPECT_TRUE(both.isDone());
-  EXPECT_FALSE(preOnly.isDone());
-  EXPECT_EQ(preOnly.outcome(), Outcome::kFailed);
-  EXPECT_EQ(preOnly.output(), "PRE-DONE\n PRE-DONE\n");
-  EXPECT_TRUE(LoggedContaining("Running post-scripts...", kInfo));
-  EXPECT_TRUE(LoggedContaining("runpre EOF on pipe", kInfo));
-}
-
-// A silent script and one that floods its pipe without end both stop at their timeout.
-TEST_F(PrePostScriptTest, ScriptWithoutMarkerStopsAtItsTimeout) {
+// A silent script and one that floods its pipe without end both stop at their timeout; one
+// that closes its output is killed at once; one that exits without its own phase's marker
+// (an indented one or the other phase's is none) or cannot start fails. None of them holds
+// up the script that succeeds beside them.
+TEST_F(PrePostScriptTest, ScriptsWithoutMarkerFailEachInTheirWay) {
   WriteScript("slow.sh", "echo working\nsleep 30 &\nwait");
   WriteScript("fast.sh", "echo PRE-DONE");
   WriteScript("endless.sh", "yes");
+  WriteScript("closer.sh", "echo before\nexec >/dev/null 2>&1\nsleep 30");
+  WriteScript("exits.sh", "echo ' PRE-DONE'\necho POST-DONE\nexit 0");
+  WriteScript("not-executable.sh", "echo PRE-DONE", 0644);
   PrePostScript slow("slow.sh", 2);
   PrePostScript fast("fast.sh", 2);
   PrePostScript endless("endless.sh", 2);
+  PrePostScript closer("closer.sh", 20);
+  PrePostScript exits("exits.sh", 20);
+  PrePostScript notExecutable("not-executable.sh", 20);
   auto start = Clock::now();
-  EXPECT_FALSE(PrePostScript::runPhase({&slow, &fast, &endless}, Phase::kPre, "backup-7"));
+  EXPECT_FALSE(PrePostScript::runPhase({&slow, &fast, &endless, &closer, &exits, &notExecutable}, Phase::kPre,
+                                       "backup-7"));
   double elapsed = SecondsSince(start);
   EXPECT_GE(elapsed, 2.0);
   EXPECT_LT(elapsed, 4.5);
   slow.join();
   endless.join();
+  closer.join();
   EXPECT_LT(SecondsSince(start), 5.0);
   EXPECT_EQ(slow.outcome(), Outcome::kTimedOut);
   EXPECT_EQ(slow.output(), "working\n");
@@ -175,6 +178,15 @@ TEST_F(PrePostScriptTest, ScriptWithoutMarkerStopsAtItsTimeout) {
   EXPECT_TRUE(GroupGone(slow.childPid()));
   EXPECT_TRUE(LoggedContaining("Pre script 'slow.sh' timed out.", kWarning));
   EXPECT_TRUE(LoggedContaining("runpre failed reading script output, errno: 110", kError));
+  EXPECT_EQ(closer.outcome(), Outcome::kFailed);
+  EXPECT_EQ(closer.output(), "before\n");
+  EXPECT_TRUE(GroupGone(closer.childPid()));
+  EXPECT_EQ(exits.outcome(), Outcome::kFailed);
+  EXPECT_EQ(exits.output(), " PRE-DONE\nPOST-DONE\n");
+  EXPECT_TRUE(LoggedContaining("runpre EOF on pipe", kInfo));
+  EXPECT_EQ(notExecutable.outcome(), Outcome::kFailed);
+  EXPECT_NE(notExecutable.output().find("Permission denied"), std::string::npos);
+  EXPECT_TRUE(LoggedContaining("runpre failed reading script output, errno: 32", kError));
 }
 
 TEST_F(PrePostScriptTest, ScriptNamesAreNeverShellText) {
@@ -197,66 +209,29 @@ TEST_F(PrePostScriptTest, ScriptNamesAreNeverShellText) {
   PrePostScript escape("../escape.sh", 10);
   EXPECT_FALSE(RunOne(escape, Phase::kPost));
   EXPECT_EQ(escape.outcome(), Outcome::kStartFailed);
+  EXPECT_TRUE(LoggedContaining("Running post-scripts...", kInfo));
   EXPECT_TRUE(LoggedContaining("Post Script '../escape.sh' open error: 22", kError));
   EXPECT_TRUE(LoggedContaining("Pre/Post Script 'x; touch", kError));
-}
-
-TEST_F(PrePostScriptTest, FloodingScriptKeepsBoundedOutput) {
-  WriteScript("flood.sh",
-              "head -c 300000 /dev/zero | tr '\\0' x\necho\nyes 'a line of output' | head -n 10000\necho PRE-DONE");
-  PrePostScript flood("flood.sh", 60);
-  EXPECT_TRUE(RunOne(flood));
-  std::string output = flood.output();
-  EXPECT_EQ(output.size(), PrePostScript::kMaxOutputBytes);
-  EXPECT_EQ(output.find('\n'), PrePostScript::kMaxLineBytes);
-  EXPECT_EQ(output.substr(PrePostScript::kMaxLineBytes + 1, 18), "a line of output\na");
-}
-
-TEST_F(PrePostScriptTest, ScriptThatClosesItsOutputIsKilled) {
-  WriteScript("closer.sh", "echo before\nexec >/dev/null 2>&1\nsleep 30");
-  WriteScript("exits.sh", "echo only output\nexit 0");
-  WriteScript("not-executable.sh", "echo PRE-DONE", 0644);
-  PrePostScript closer("closer.sh", 20);
-  PrePostScript exits("exits.sh", 20);
-  PrePostScript notExecutable("not-executable.sh", 20);
-  auto start = Clock::now();
-  EXPECT_FALSE(PrePostScript::runPhase({&closer, &exits, &notExecutable}, Phase::kPre, ""));
-  closer.join();
-  EXPECT_LT(SecondsSince(start), 4.0);
-  EXPECT_EQ(closer.outcome(), Outcome::kFailed);
-  EXPECT_EQ(closer.output(), "before\n");
-  EXPECT_TRUE(GroupGone(closer.childPid()));
-  EXPECT_EQ(exits.outcome(), Outcome::kFailed);
-  EXPECT_EQ(exits.output(), "only output\n");
-  EXPECT_EQ(notExecutable.outcome(), Outcome::kFailed);
-  EXPECT_NE(notExecutable.output().find("Permission denied"), std::string::npos);
-  EXPECT_TRUE(LoggedContaining("runpre failed reading script output, errno: 32", kError));
 }
 
 TEST_F(PrePostScriptTest, WorksWhenSigchldIsIgnored) {
   // The backup thread ignores SIGCHLD, so the system reaps the children.
   struct sigaction ignore = {};
   ignore.sa_handler = SIG_IGN;
-  struct sigaction previous;
+  struct sigaction previous, previousPipe;
   ASSERT_EQ(sigaction(SIGCHLD, &ignore, &previous), 0);
   WriteScript("hold.sh", "echo PRE-DONE\nsleep 30");
-  WriteScript("quick.sh", "echo PRE-DONE");
   PrePostScript hold("hold.sh", 10);
-  PrePostScript quick("quick.sh", 10);
-  EXPECT_TRUE(PrePostScript::runPhase({&hold, &quick}, Phase::kPre, ""));
+  EXPECT_TRUE(RunOne(hold));
   hold.join();
-  quick.join();
   EXPECT_TRUE(GroupGone(hold.childPid()));
   // The script starts with default signals whatever the agent ignores or blocks.
-  struct sigaction previousPipe;
   ASSERT_EQ(sigaction(SIGPIPE, &ignore, &previousPipe), 0);
-  sigset_t blocked;
-  sigset_t previousMask;
+  sigset_t blocked, previousMask;
   sigemptyset(&blocked);
   sigaddset(&blocked, SIGTERM);
   ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &blocked, &previousMask), 0);
-  // Perl reports the dispositions it got (the shell in front passes an ignored
-  // SIGPIPE on as ignored).
+  // Perl reports the dispositions it got (a shell would reset an ignored SIGCHLD).
   std::ofstream(scripts_ + "/signals.pl")
       << "#!/usr/bin/perl\nopen(S, '/proc/self/status');\n"
          "while (<S>) { print \"$1:$2\\n\" if /^(Sig(?:Ign|Blk)):\\s*(\\S+)/ }\nprint \"PRE-DONE\\n\";\n";
@@ -266,8 +241,7 @@ TEST_F(PrePostScriptTest, WorksWhenSigchldIsIgnored) {
   signals.join();
   ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &previousMask, nullptr), 0);
   ASSERT_EQ(sigaction(SIGPIPE, &previousPipe, nullptr), 0);
-  unsigned long long ignored = 1;
-  unsigned long long blockedMask = 1;
+  unsigned long long ignored = 1, blockedMask = 1;
   ASSERT_EQ(sscanf(signals.output().c_str(), "SigBlk:%llx\nSigIgn:%llx", &blockedMask, &ignored), 2)
       << signals.output();
   EXPECT_EQ(blockedMask, 0u);

@@ -21,23 +21,18 @@
 namespace orv {
 namespace {
 
-// Runs one SQL statement on the database file outside the store; its rows, columns joined by "|".
+// Runs SQL on the database file outside the store; its rows, columns joined by "|".
 std::vector<std::string> Rows(const std::string& path, const std::string& sql) {
   sqlite3* db = nullptr;
   std::vector<std::string> rows;
   EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-  sqlite3_stmt* stmt = nullptr;
-  EXPECT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
-  while (sqlite3_step(stmt) == SQLITE_ROW) {
+  auto addRow = [](void* out, int columns, char** values, char**) {
     std::string row;
-    for (int i = 0; i < sqlite3_column_count(stmt); ++i) {
-      if (i) row += "|";
-      const unsigned char* text = sqlite3_column_text(stmt, i);
-      row += text ? reinterpret_cast<const char*>(text) : "NULL";
-    }
-    rows.push_back(row);
-  }
-  sqlite3_finalize(stmt);
+    for (int i = 0; i < columns; ++i) row += (i ? "|" : "") + std::string(values[i] ? values[i] : "NULL");
+    static_cast<std::vector<std::string>*>(out)->push_back(row);
+    return 0;
+  };
+  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), addRow, &rows, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
   sqlite3_close(db);
   return rows;
 }

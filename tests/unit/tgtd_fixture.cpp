@@ -62,15 +62,13 @@ TgtdFixture::~TgtdFixture() {
   if (!directory_.empty()) std::filesystem::remove_all(directory_, ignored);
 }
 
-int TgtdFixture::Tgtadm(const std::vector<std::string>& arguments, std::string* output) {
+int TgtdFixture::Tgtadm(const std::vector<std::string>& arguments) {
   std::string command = "tgtadm -C " + std::to_string(controlPort_);
   for (const std::string& argument : arguments) command += " '" + argument + "'";
   std::string text = Command(command + " 2>&1; echo \"exit $?\"");
   size_t at = text.rfind("exit ");
   int status = at == std::string::npos ? -1 : atoi(text.c_str() + at + 5);
-  text.resize(at == std::string::npos ? text.size() : at);
   if (status != 0) fprintf(stderr, "tgtd fixture: tgtadm exited %d: %s\n", status, text.c_str());
-  if (output != nullptr) *output = text;
   return status;
 }
 
@@ -124,10 +122,7 @@ bool TgtdFixture::Start() {
     if (port_ == 0 || controlPort_ == 0 || !Spawn()) return false;
     if (WaitReady()) return true;
     // Somebody took a port between our look and tgtd's bind, or the portal is still settling.
-    if (Running()) {
-      kill(pid_, SIGKILL);
-      WaitExit(5000);
-    }
+    Kill();
     if (keepPort) std::this_thread::sleep_for(std::chrono::milliseconds(200));
   }
   fprintf(stderr, "tgtd fixture: tgtd did not come up:\n%s\n", ReadText(directory_ + "/tgtd.log").c_str());
@@ -192,10 +187,9 @@ bool TgtdFixture::Stop() {
   // deletion is tried again.
   Tgtadm({"--op", "update", "--mode", "sys", "--name", "State", "-v", "offline"});
   for (int tid : targets_) {
-    std::string ignored;
     for (int attempt = 0; attempt < 100; ++attempt) {
-      if (Tgtadm({"--lld", "iscsi", "--op", "delete", "--mode", "target", "--tid", std::to_string(tid), "--force"},
-                 &ignored) == 0) {
+      if (Tgtadm({"--lld", "iscsi", "--op", "delete", "--mode", "target", "--tid", std::to_string(tid), "--force"}) ==
+          0) {
         break;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -203,11 +197,8 @@ bool TgtdFixture::Stop() {
   }
   Tgtadm({"--op", "delete", "--mode", "system"});
   bool clean = WaitExit(5000);
-  if (!clean) {
-    fprintf(stderr, "tgtd fixture: tgtd %d did not leave, killing it\n", static_cast<int>(pid_));
-    kill(pid_, SIGKILL);
-    WaitExit(5000);
-  }
+  if (!clean) fprintf(stderr, "tgtd fixture: tgtd %d did not leave, killing it\n", static_cast<int>(pid_));
+  Kill();
   RemoveSockets();
   return clean;
 }

@@ -9,11 +9,10 @@
 
 namespace orv {
 
-// A private tgtd on a free loopback port with its own control port, serving file-backed
-// LUNs from a temporary directory. The destructor stops it by pid (forced target
-// deletion, system delete, SIGKILL as a last resort) and removes its sockets and files;
-// a crash of the test process takes tgtd with it (parent-death signal), so call Start and
-// Restart from the thread that lives as long as the fixture.
+// A private tgtd on a free loopback port and control port, serving file-backed LUNs from a
+// temporary directory; the destructor stops it by pid and removes its sockets and files.
+// tgtd dies with the thread that started it (parent-death signal): call Start and Restart
+// from the thread that lives as long as the fixture.
 class TgtdFixture {
  public:
   TgtdFixture();
@@ -33,13 +32,13 @@ class TgtdFixture {
   // Starts tgtd again on the same portal with the same targets, LUNs and accounts.
   bool Restart();
 
-  bool Running() const { return pid_ > 0; }
   pid_t Pid() const { return pid_; }
   std::string Portal() const { return "127.0.0.1:" + std::to_string(port_); }
   // Runs tgtadm on this instance's control port; its exit status.
-  int Tgtadm(const std::vector<std::string>& arguments, std::string* output = nullptr);
+  int Tgtadm(const std::vector<std::string>& arguments);
 
  private:
+  bool Running() const { return pid_ > 0; }
   bool Spawn();
   bool WaitReady();
   bool WaitExit(int milliseconds);
