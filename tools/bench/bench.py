@@ -684,6 +684,8 @@ class Bench:
                     # What the target and the disk need for the same runs without the agent.
                     # The snapshot's image holds what the copy just wrote, so the LUN stays
                     # as the copy left it for the copies after (checked: they depend on it).
+                    # The image starts at the LUN's first byte, so a run's offset on the LUN
+                    # is its offset in the image too.
                     listed = os.path.join(rig.work, "runs-%s.txt" % kind)
                     with open(listed, "w") as f:
                         f.writelines("%d %d\n" % piece for piece in pieces)
