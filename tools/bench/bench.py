@@ -75,8 +75,7 @@ BIG_LOGS = ("full_all_big_logs", "full copy, all blocks, 30 days of logs")
 COPY_START = re.compile(r"^\[INFO\] Performing (copy full on all blocks|copy full on used blocks|"
                         r"copy incremental on all blocks|original diffmerge on all blocks)\.$")
 COPY_END = "[DEBUG] starting getImageChecksum"
-WRITER_POP = "[DEBUG] read from queue writepos"
-WRITER_RUN = re.compile(r"^\[DEBUG\] read from queue writepos (\d+) writelen (\d+)$")
+WRITER_POP = re.compile(r"^\[DEBUG\] read from queue writepos (\d+) writelen (\d+)$")
 PROGRESS = re.compile(r"^\[DEBUG\] Set backup of volume \S+ 'BYTES TRANSFERRED' to \d+ bytes\.$")
 WRITER_DONE = "[DEBUG] Wrote data chunk"
 
@@ -600,11 +599,10 @@ def parse_phases(lines, start, end):
         if text == COPY_END:
             copy_end = at
             break
-        if text.startswith(WRITER_POP):
+        popped = WRITER_POP.match(text)
+        if popped:
             pops.append(at)
-            piece = WRITER_RUN.match(text)
-            if piece:
-                pieces.append((int(piece.group(1)), int(piece.group(2))))
+            pieces.append((int(popped.group(1)), int(popped.group(2))))
         elif PROGRESS.match(text):
             progress.append(at)
         elif text.startswith(WRITER_DONE):

@@ -141,6 +141,7 @@ class Session {
   }
 
   uint64_t size() const { return size_; }
+  uint64_t blockSize() const { return blockSize_; }
 
  private:
   bool Finish(scsi_task* task, const char* command) {
@@ -238,8 +239,9 @@ struct Piece {
   size_t bytes;
 };
 
-// The pieces of a copy: the source in chunks from its start, or the runs a file lists.
-bool Pieces(const Options& options, uint64_t total, std::vector<Piece>* pieces) {
+// The pieces of a copy: the source in chunks from its start, or the runs a file lists,
+// each whole blocks of the LUN inside `total`.
+bool Pieces(const Options& options, uint64_t total, uint64_t block, std::vector<Piece>* pieces) {
   if (options.runs.empty()) {
     for (uint64_t at = 0; at < total; at += kChunkBytes) {
       pieces->push_back({at, static_cast<size_t>(std::min<uint64_t>(kChunkBytes, total - at))});
@@ -259,14 +261,15 @@ bool Pieces(const Options& options, uint64_t total, std::vector<Piece>* pieces) 
     int fields = fscanf(file, "%llu %llu", &offset, &bytes);
     if (fields == EOF) break;
     ++line;
-    good = fields == 2 && bytes > 0 && bytes <= kChunkBytes && offset % 512 == 0 && bytes % 512 == 0 &&
-           offset + bytes <= total;
+    good = fields == 2 && bytes > 0 && bytes <= kChunkBytes && offset % block == 0 && bytes % block == 0 &&
+           offset <= total && bytes <= total - offset;
     if (good) pieces->push_back({offset, static_cast<size_t>(bytes)});
   }
   fclose(file);
   if (!good) {
-    fprintf(stderr, "orv_iscsi_baseline: %s line %d: want OFFSET LENGTH in bytes, sector-aligned, at most %zu "
-            "bytes, inside the source and the LUN\n", options.runs.c_str(), line, kChunkBytes);
+    fprintf(stderr, "orv_iscsi_baseline: %s line %d: want OFFSET LENGTH in bytes, whole blocks of %llu bytes, at "
+            "most %zu bytes, inside the source and the LUN\n", options.runs.c_str(), line,
+            static_cast<unsigned long long>(block), kChunkBytes);
   }
   return good;
 }
@@ -283,7 +286,7 @@ int RunCopy(const Options& options) {
   }
   uint64_t total = Amount(Amount(options.bytes, SourceSize(fd.get())), session.size());
   std::vector<Piece> pieces;
-  if (!Pieces(options, total, &pieces)) return 1;
+  if (!Pieces(options, total, session.blockSize(), &pieces)) return 1;
   std::unique_ptr<AlignedBuffer> slots[kSlots];
   for (auto& slot : slots) slot = std::make_unique<AlignedBuffer>(kChunkBytes);
   std::mutex lock;
